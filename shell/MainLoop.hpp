@@ -1,0 +1,75 @@
+// The main loop (GLib's default main context) and the ways onto it: owned
+// timeout sources, delayed calls owned by their target, and a queue through
+// which other threads run work on the main thread.
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <future>
+#include <list>
+#include <memory>
+#include <type_traits>
+
+#include "shell/glib_glue.hpp"
+
+namespace vt {
+
+// True on the thread that runs the main loop: the process's first thread.
+bool isMainThread();
+
+// A timeout on the default main context, removed when this object goes away.
+// It may be stopped or destroyed from inside its own callback.
+class TimeoutSource {
+public:
+    TimeoutSource() = default;
+    // The callback answers true to run again after another interval.
+    TimeoutSource(const char* name, std::chrono::milliseconds interval, std::function<bool()> callback);
+    TimeoutSource(TimeoutSource&&) noexcept = default;
+    TimeoutSource& operator=(TimeoutSource&& other) noexcept;
+    ~TimeoutSource() { stop(); }
+
+    void stop() noexcept;
+    bool isActive() const noexcept;
+
+private:
+    GPtr<GSource> m_source;
+};
+
+// Delayed calls that belong to the object that scheduled them: all pending
+// calls are cancelled together, or when the owner is destroyed.
+class DelayedCalls {
+public:
+    DelayedCalls() = default;
+    DelayedCalls(const DelayedCalls&) = delete;
+    DelayedCalls& operator=(const DelayedCalls&) = delete;
+    ~DelayedCalls() { cancelAll(); }
+
+    void schedule(std::chrono::milliseconds delay, std::function<void()> call);
+    void cancelAll() noexcept;
+    size_t pending() const noexcept { return m_calls.size(); }
+
+private:
+    std::list<TimeoutSource> m_calls;
+};
+
+// Queues `work` to run on the main loop; returns at once.
+void runOnMain(std::function<void()> work);
+
+// Runs `work` on the main loop and waits for its result (or exception). On
+// the main thread it runs at once, so the main thread never waits for itself.
+template <typename F> std::invoke_result_t<F> runOnMainAndWait(F&& work)
+{
+    if (isMainThread())
+        return work();
+    auto task = std::make_shared<std::packaged_task<std::invoke_result_t<F>()>>(std::forward<F>(work));
+    auto result = task->get_future();
+    runOnMain([task] { (*task)(); });
+    return result.get();
+}
+
+// Iterates the default main context until `done` answers true or `timeout`
+// passes; answers whether `done` was reached. `done` is asked again at least
+// every few milliseconds.
+bool runMainLoopUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout);
+
+} // namespace vt

@@ -1,0 +1,47 @@
+// Owning wrappers for POSIX resources.
+#pragma once
+
+#include <cerrno>
+#include <utility>
+
+#include <unistd.h>
+
+namespace vt {
+
+// A move-only file descriptor. reset() closes without clobbering errno, so a
+// failing call's error survives the clean-up that follows it.
+class Fd {
+public:
+    Fd() noexcept = default;
+    explicit Fd(int fd) noexcept : m_fd(fd) {}
+    Fd(const Fd&) = delete;
+    Fd& operator=(const Fd&) = delete;
+    Fd(Fd&& other) noexcept : m_fd(other.release()) {}
+    Fd& operator=(Fd&& other) noexcept
+    {
+        if (this != &other)
+            reset(other.release());
+        return *this;
+    }
+    ~Fd() { reset(); }
+
+    int get() const noexcept { return m_fd; }
+    explicit operator bool() const noexcept { return m_fd >= 0; }
+
+    int release() noexcept { return std::exchange(m_fd, -1); }
+
+    void reset(int fd = -1) noexcept
+    {
+        int old = std::exchange(m_fd, fd);
+        if (old >= 0) {
+            int saved = errno;
+            ::close(old);
+            errno = saved;
+        }
+    }
+
+private:
+    int m_fd = -1;
+};
+
+} // namespace vt

@@ -1,0 +1,19 @@
+// Debug logging: silent unless VT_LOG, VT_DEBUGMSG or DEBUG is present in the
+// environment (an empty value counts). The environment is consulted at every
+// call, so switching it on mid-run takes effect at the next message.
+#pragma once
+
+#include "source/PlatformLog.hpp"
+
+namespace vt {
+
+bool debugLoggingEnabled();
+
+template <typename... Args> void VTLog(const char* format, const Args&... args)
+{
+    if (!debugLoggingEnabled())
+        return;
+    platformLog(format, args...);
+}
+
+} // namespace vt

@@ -1,0 +1,116 @@
+#include <regex>
+#include <sstream>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "source/VTLog.hpp"
+#include "tests/TestSupport.hpp"
+
+using vt::test::ScopedEnvironment;
+using vt::test::StderrCapture;
+
+namespace {
+struct Described {
+    int* calls;
+    std::string description() const
+    {
+        ++*calls;
+        return "described";
+    }
+};
+
+void switchDebugLogging(ScopedEnvironment& env, const char* on)
+{
+    for (const char* name : { "VT_LOG", "VT_DEBUGMSG", "DEBUG" })
+        env.unset(name);
+    if (on)
+        env.set(on, "");
+}
+} // namespace
+
+TEST(PlatformLog, WritesOneStampedLineWithObjectsFilledIn)
+{
+    StderrCapture capture;
+    vt::platformLog("Unable to locate %@ after %d attempts.  Yes%%", std::string("a server"), 10);
+    std::string text = capture.text();
+    std::regex line(R"(^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} vtlauncher_tests\[(\d+)\] )"
+                    R"(Unable to locate a server after 10 attempts\.  Yes%\n$)");
+    std::smatch match;
+    ASSERT_TRUE(std::regex_match(text, match, line)) << text;
+    EXPECT_EQ(std::stoi(match[1]), getpid());
+}
+
+TEST(PlatformLog, KeepsTheMessagesOwnLineEndSingle)
+{
+    StderrCapture capture;
+    vt::platformLog("The helper server was there, but now it's gone.\n");
+    vt::platformLog("%@ and %s", std::filesystem::path("/a b"), static_cast<const char*>(nullptr));
+    std::string text = capture.text();
+    EXPECT_NE(text.find("now it's gone.\n"), std::string::npos);
+    EXPECT_EQ(text.find("\n\n"), std::string::npos);
+    EXPECT_NE(text.find("] /a b and (null)\n"), std::string::npos);
+}
+
+TEST(PlatformLog, LinesFromManyThreadsStayWhole)
+{
+    StderrCapture capture;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([t] {
+            for (int i = 0; i < 200; ++i)
+                vt::platformLog("thread %d line %d %@", t, i, std::string(100, 'x'));
+        });
+    for (auto& thread : threads)
+        thread.join();
+    std::istringstream lines(capture.text());
+    std::string line;
+    int count = 0;
+    std::regex whole(R"(.*\] thread \d line \d+ x{100}$)");
+    while (std::getline(lines, line)) {
+        ++count;
+        ASSERT_TRUE(std::regex_match(line, whole)) << line;
+    }
+    EXPECT_EQ(count, 800);
+}
+
+TEST(VTLog, SilentWithoutAnyVariableAndFormatNotEvaluated)
+{
+    ScopedEnvironment env;
+    switchDebugLogging(env, nullptr);
+    int calls = 0;
+    StderrCapture capture;
+    vt::VTLog("object %@", Described { &calls });
+    EXPECT_EQ(capture.text(), "");
+    EXPECT_EQ(calls, 0);
+}
+
+TEST(VTLog, EachVariableSwitchesItOnEvenWhenEmpty)
+{
+    for (const char* name : { "VT_LOG", "VT_DEBUGMSG", "DEBUG" }) {
+        ScopedEnvironment env;
+        switchDebugLogging(env, name);
+        int calls = 0;
+        StderrCapture capture;
+        vt::VTLog("object %@", Described { &calls });
+        EXPECT_NE(capture.text().find("] object described\n"), std::string::npos) << name;
+        EXPECT_EQ(calls, 1);
+    }
+}
+
+TEST(VTLog, FollowsTheEnvironmentAtEveryCall)
+{
+    ScopedEnvironment env;
+    switchDebugLogging(env, nullptr);
+    StderrCapture capture;
+    vt::VTLog("before");
+    env.set("VT_LOG", "0"); // the value is never read
+    vt::VTLog("during");
+    env.unset("VT_LOG");
+    vt::VTLog("after");
+    std::string text = capture.text();
+    EXPECT_EQ(text.find("before"), std::string::npos);
+    EXPECT_NE(text.find("during"), std::string::npos);
+    EXPECT_EQ(text.find("after"), std::string::npos);
+}
