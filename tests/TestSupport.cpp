@@ -5,8 +5,13 @@
 #include <sstream>
 #include <stdexcept>
 
+#include <csignal>
+
 #include <fcntl.h>
+#include <sys/wait.h>
 #include <unistd.h>
+
+extern char** environ;
 
 namespace vt::test {
 
@@ -83,5 +88,82 @@ ScopedEnvironment::~ScopedEnvironment()
             unsetenv(name.c_str());
     }
 }
+
+PrivateBus::PrivateBus() : m_bus(adopt(g_test_dbus_new(G_TEST_DBUS_NONE)))
+{
+    g_test_dbus_up(m_bus.get());
+}
+
+PrivateBus::~PrivateBus() { g_test_dbus_down(m_bus.get()); }
+
+std::string PrivateBus::address() const { return g_test_dbus_get_bus_address(m_bus.get()); }
+
+bool PrivateBus::hasOwner(const std::string& name) const
+{
+    GErrorHolder error;
+    GPtr<GDBusConnection> connection = adopt(g_dbus_connection_new_for_address_sync(
+        address().c_str(),
+        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT
+                                          | G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+        nullptr, nullptr, error));
+    if (!connection)
+        return false;
+    GPtr<GVariant> reply = adopt(g_dbus_connection_call_sync(
+        connection.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+        "NameHasOwner", g_variant_new("(s)", name.c_str()), G_VARIANT_TYPE("(b)"), G_DBUS_CALL_FLAGS_NONE,
+        -1, nullptr, error));
+    gboolean owned = FALSE;
+    if (reply)
+        g_variant_get(reply.get(), "(b)", &owned);
+    g_dbus_connection_close_sync(connection.get(), nullptr, nullptr);
+    return owned;
+}
+
+std::map<std::string, std::string> environmentWith(
+    const std::map<std::string, std::optional<std::string>>& changes)
+{
+    std::map<std::string, std::string> environment;
+    for (char** entry = environ; *entry; ++entry) {
+        std::string text = *entry;
+        auto equals = text.find('=');
+        if (equals != std::string::npos)
+            environment[text.substr(0, equals)] = text.substr(equals + 1);
+    }
+    for (const auto& [name, value] : changes) {
+        if (value)
+            environment[name] = *value;
+        else
+            environment.erase(name);
+    }
+    return environment;
+}
+
+TestProcess::TestProcess(std::vector<std::string> argv, std::map<std::string, std::string> environment)
+{
+    m_task.setLaunchPath(argv.at(0));
+    m_task.setArguments(std::vector<std::string>(argv.begin() + 1, argv.end()));
+    m_task.setEnvironment(std::move(environment));
+    m_task.launch();
+}
+
+TestProcess::~TestProcess()
+{
+    if (m_task.isRunning()) {
+        kill(m_task.processIdentifier(), SIGKILL);
+        waitUntil([this] { return !m_task.isRunning(); });
+    }
+}
+
+std::optional<int> TestProcess::waitForExit(std::chrono::milliseconds timeout)
+{
+    if (!waitUntil([this] { return !m_task.isRunning(); }, timeout))
+        return std::nullopt;
+    int status = *m_task.terminationStatus();
+    if (!WIFEXITED(status))
+        return std::nullopt;
+    return WEXITSTATUS(status);
+}
+
+void TestProcess::signal(int signalNumber) { kill(m_task.processIdentifier(), signalNumber); }
 
 } // namespace vt::test

@@ -9,7 +9,12 @@
 #include <optional>
 #include <string>
 
+#include <memory>
+#include <vector>
+
 #include "shell/MainLoop.hpp"
+#include "shell/glib_glue.hpp"
+#include "source/VTTask.hpp"
 
 namespace vt::test {
 
@@ -61,6 +66,48 @@ public:
 private:
     void remember(const std::string& name);
     std::map<std::string, std::optional<std::string>> m_saved;
+};
+
+// A private D-Bus session bus for the scope: DBUS_SESSION_BUS_ADDRESS points
+// at it while it lives. Everything in this process that took a reference to
+// the session bus must drop it before the end of the scope.
+class PrivateBus {
+public:
+    PrivateBus();
+    ~PrivateBus();
+    PrivateBus(const PrivateBus&) = delete;
+    PrivateBus& operator=(const PrivateBus&) = delete;
+    std::string address() const;
+    // Whether `name` has an owner on this bus right now.
+    bool hasOwner(const std::string& name) const;
+
+private:
+    GPtr<GTestDBus> m_bus;
+};
+
+// The current environment with `changes` applied (an empty optional removes
+// the variable): the whole environment to hand to a child.
+std::map<std::string, std::string> environmentWith(
+    const std::map<std::string, std::optional<std::string>>& changes);
+
+// A real child process for a test. It is killed (SIGKILL) and reaped if it is
+// still running when the object goes away, so no test leaks a process.
+class TestProcess {
+public:
+    TestProcess(std::vector<std::string> argv, std::map<std::string, std::string> environment);
+    ~TestProcess();
+    TestProcess(const TestProcess&) = delete;
+    TestProcess& operator=(const TestProcess&) = delete;
+
+    pid_t pid() const { return m_task.processIdentifier(); }
+    bool running() const { return m_task.isRunning(); }
+    // Runs the main loop until the process has ended; its exit status, or
+    // empty on time-out or when it was killed by a signal.
+    std::optional<int> waitForExit(std::chrono::milliseconds timeout = 20s);
+    void signal(int signalNumber);
+
+private:
+    VTTask m_task;
 };
 
 // Runs the main loop until `done` holds; false after `timeout`.
