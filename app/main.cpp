@@ -1,7 +1,7 @@
-#include "source/PlatformLog.hpp"
+#include "app/VTFBHelperApp.hpp"
 
-int main(int, char**)
+int main(int argc, char** argv)
 {
-    vt::platformLog("vtlauncher: the application shell is not part of this build yet");
-    return 0;
+    vt::VTFBHelperApp application;
+    return application.run(argc, argv);
 }

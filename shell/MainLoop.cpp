@@ -1,6 +1,7 @@
 #include "shell/MainLoop.hpp"
 
 #include <deque>
+#include <glib-unix.h>
 #include <mutex>
 #include <thread>
 
@@ -11,7 +12,7 @@ namespace {
     // one that runs the main loop.
     const std::thread::id mainThreadId = std::this_thread::get_id();
 
-    gboolean dispatchTimeout(gpointer data) noexcept
+    gboolean dispatchSource(gpointer data) noexcept
     {
         auto* callback = static_cast<std::function<bool()>*>(data);
         try {
@@ -27,19 +28,32 @@ namespace {
 
 bool isMainThread() { return std::this_thread::get_id() == mainThreadId; }
 
-TimeoutSource::TimeoutSource(const char* name, std::chrono::milliseconds interval,
-                             std::function<bool()> callback)
-    : m_source(adopt(g_timeout_source_new(static_cast<guint>(interval.count()))))
+OwnedSource::OwnedSource(GPtr<GSource> source, const char* name, std::function<bool()> callback,
+                         GMainContext* context)
+    : m_source(std::move(source))
 {
     g_source_set_name(m_source.get(), name);
     // GLib keeps the callback data alive until a running dispatch returns,
     // so destroying this object from inside the callback is safe.
-    g_source_set_callback(m_source.get(), dispatchTimeout, new std::function<bool()>(std::move(callback)),
+    g_source_set_callback(m_source.get(), dispatchSource, new std::function<bool()>(std::move(callback)),
                           deleteCallback);
-    g_source_attach(m_source.get(), nullptr);
+    g_source_attach(m_source.get(), context);
 }
 
-TimeoutSource& TimeoutSource::operator=(TimeoutSource&& other) noexcept
+TimeoutSource::TimeoutSource(const char* name, std::chrono::milliseconds interval,
+                             std::function<bool()> callback, GMainContext* context)
+    : OwnedSource(adopt(g_timeout_source_new(static_cast<guint>(interval.count()))), name,
+                  std::move(callback), context)
+{
+}
+
+UnixSignalSource::UnixSignalSource(const char* name, int signalNumber, std::function<bool()> callback,
+                                   GMainContext* context)
+    : OwnedSource(adopt(g_unix_signal_source_new(signalNumber)), name, std::move(callback), context)
+{
+}
+
+OwnedSource& OwnedSource::operator=(OwnedSource&& other) noexcept
 {
     if (this != &other) {
         stop();
@@ -48,7 +62,7 @@ TimeoutSource& TimeoutSource::operator=(TimeoutSource&& other) noexcept
     return *this;
 }
 
-void TimeoutSource::stop() noexcept
+void OwnedSource::stop() noexcept
 {
     if (m_source) {
         g_source_destroy(m_source.get());
@@ -56,7 +70,7 @@ void TimeoutSource::stop() noexcept
     }
 }
 
-bool TimeoutSource::isActive() const noexcept
+bool OwnedSource::isActive() const noexcept
 {
     return m_source && !g_source_is_destroyed(m_source.get());
 }

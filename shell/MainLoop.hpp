@@ -17,22 +17,41 @@ namespace vt {
 // True on the thread that runs the main loop: the process's first thread.
 bool isMainThread();
 
-// A timeout on the default main context, removed when this object goes away.
-// It may be stopped or destroyed from inside its own callback.
-class TimeoutSource {
+// A main-loop source with a name and a callback, attached to `context` (the
+// default main context when null) and removed when this object goes away. It
+// may be stopped or destroyed from inside its own callback. The callback
+// answers true to stay attached.
+class OwnedSource {
 public:
-    TimeoutSource() = default;
-    // The callback answers true to run again after another interval.
-    TimeoutSource(const char* name, std::chrono::milliseconds interval, std::function<bool()> callback);
-    TimeoutSource(TimeoutSource&&) noexcept = default;
-    TimeoutSource& operator=(TimeoutSource&& other) noexcept;
-    ~TimeoutSource() { stop(); }
+    OwnedSource() = default;
+    OwnedSource(GPtr<GSource> source, const char* name, std::function<bool()> callback,
+                GMainContext* context = nullptr);
+    OwnedSource(OwnedSource&&) noexcept = default;
+    OwnedSource& operator=(OwnedSource&& other) noexcept;
+    ~OwnedSource() { stop(); }
 
     void stop() noexcept;
     bool isActive() const noexcept;
 
 private:
     GPtr<GSource> m_source;
+};
+
+// A timeout: runs after `interval`, and again after each interval while the
+// callback answers true.
+class TimeoutSource : public OwnedSource {
+public:
+    TimeoutSource() = default;
+    TimeoutSource(const char* name, std::chrono::milliseconds interval, std::function<bool()> callback,
+                  GMainContext* context = nullptr);
+};
+
+// A Unix signal (SIGTERM, SIGINT, SIGHUP...) delivered as a main-loop callback.
+class UnixSignalSource : public OwnedSource {
+public:
+    UnixSignalSource() = default;
+    UnixSignalSource(const char* name, int signalNumber, std::function<bool()> callback,
+                     GMainContext* context = nullptr);
 };
 
 // Delayed calls that belong to the object that scheduled them: all pending

@@ -1,0 +1,90 @@
+/*
+ * The seam through which an in-process Wine display driver takes part in the
+ * launcher's life once Wine runs inside the launcher process.
+ *
+ * The driver fills a vt_wine_controller with the callbacks it implements
+ * (a null callback is one it does not answer) and registers it with
+ * vt_set_wine_controller(), on the main thread. From then on every event of
+ * the launcher is offered to handle_event first; did_send_event follows the
+ * launcher's own dispatch of every event that was not consumed; and the
+ * driver receives exactly those life-cycle notifications whose callbacks it
+ * set. The launcher copies the structure but does not own `context`.
+ */
+#ifndef VTLAUNCHER_WINE_CONTROLLER_H
+#define VTLAUNCHER_WINE_CONTROLLER_H
+
+#include <stdbool.h>
+#include <stddef.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#define VT_EXPORT __attribute__((visibility("default")))
+
+typedef enum vt_event_type {
+    VT_EVENT_OPEN_UNTITLED = 1, /* launched or reopened without documents */
+    VT_EVENT_OPEN_FILES = 2,    /* items: absolute file paths */
+    VT_EVENT_OPEN_URL = 3,      /* items[0]: the URL */
+    VT_EVENT_REOPEN = 4,        /* launched again while running, no documents */
+    VT_EVENT_ACTIVATE = 5,      /* the user activated the launcher */
+    VT_EVENT_QUIT_REQUEST = 6,  /* a signal, the quit action or the menu */
+    VT_EVENT_MENU_ITEM = 7      /* action: the menu item's action */
+} vt_event_type;
+
+typedef struct vt_event {
+    vt_event_type type;
+    const char* const* items;
+    size_t item_count;
+    const char* action;
+} vt_event;
+
+/* Replies to the quit question; LATER waits for
+ * vt_reply_to_application_should_terminate(). */
+typedef enum vt_terminate_reply {
+    VT_TERMINATE_CANCEL = 0,
+    VT_TERMINATE_NOW = 1,
+    VT_TERMINATE_LATER = 2
+} vt_terminate_reply;
+
+typedef void (*vt_notification_callback)(void* context);
+
+typedef struct vt_wine_controller {
+    void* context;
+
+    bool (*handle_event)(void* context, const vt_event* event); /* true: consumed */
+    void (*did_send_event)(void* context, const vt_event* event);
+
+    /* Life-cycle notifications, one callback each. */
+    vt_notification_callback application_did_become_active;
+    vt_notification_callback application_did_change_screen_parameters;
+    vt_notification_callback application_did_finish_launching;
+    vt_notification_callback application_did_hide;
+    vt_notification_callback application_did_resign_active;
+    vt_notification_callback application_did_unhide;
+    vt_notification_callback application_did_update;
+    vt_notification_callback application_will_become_active;
+    vt_notification_callback application_will_finish_launching;
+    vt_notification_callback application_will_hide;
+    vt_notification_callback application_will_resign_active;
+    vt_notification_callback application_will_terminate;
+    vt_notification_callback application_will_unhide;
+    vt_notification_callback application_will_update;
+
+    /* Questions that expect an answer. */
+    vt_terminate_reply (*should_terminate)(void* context);
+    bool (*should_handle_reopen)(void* context, bool has_visible_windows);
+} vt_wine_controller;
+
+/* Registers `controller` (copied), replacing any earlier one; NULL clears.
+ * Main thread only. */
+VT_EXPORT void vt_set_wine_controller(const vt_wine_controller* controller);
+
+/* Answers a quit question that was answered with VT_TERMINATE_LATER. */
+VT_EXPORT void vt_reply_to_application_should_terminate(bool should_terminate);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

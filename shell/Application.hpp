@@ -1,0 +1,159 @@
+// The application shell: the launcher's counterpart of a desktop application
+// object. It turns the command line, second launches, signals and the D-Bus
+// quit action into events, dispatches them to its delegate, posts the
+// life-cycle notifications and carries out the quit question's replies.
+//
+// Single instance per launcher bundle: GApplication with the bundle's
+// identifier as application id (non-unique when the identifier isn't a valid
+// application id). A second launch hands its opening event to the running
+// launcher and exits 0.
+#pragma once
+
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "shell/Menu.hpp"
+#include "shell/glib_glue.hpp"
+
+namespace vt {
+
+class VTBundle;
+
+// Life-cycle notifications, posted with the application as object.
+inline constexpr const char* ApplicationDidBecomeActiveNotification = "ApplicationDidBecomeActiveNotification";
+inline constexpr const char* ApplicationDidChangeScreenParametersNotification = "ApplicationDidChangeScreenParametersNotification";
+inline constexpr const char* ApplicationDidFinishLaunchingNotification = "ApplicationDidFinishLaunchingNotification";
+inline constexpr const char* ApplicationDidHideNotification = "ApplicationDidHideNotification";
+inline constexpr const char* ApplicationDidResignActiveNotification = "ApplicationDidResignActiveNotification";
+inline constexpr const char* ApplicationDidUnhideNotification = "ApplicationDidUnhideNotification";
+inline constexpr const char* ApplicationDidUpdateNotification = "ApplicationDidUpdateNotification";
+inline constexpr const char* ApplicationWillBecomeActiveNotification = "ApplicationWillBecomeActiveNotification";
+inline constexpr const char* ApplicationWillFinishLaunchingNotification = "ApplicationWillFinishLaunchingNotification";
+inline constexpr const char* ApplicationWillHideNotification = "ApplicationWillHideNotification";
+inline constexpr const char* ApplicationWillResignActiveNotification = "ApplicationWillResignActiveNotification";
+inline constexpr const char* ApplicationWillTerminateNotification = "ApplicationWillTerminateNotification";
+inline constexpr const char* ApplicationWillUnhideNotification = "ApplicationWillUnhideNotification";
+inline constexpr const char* ApplicationWillUpdateNotification = "ApplicationWillUpdateNotification";
+
+enum class TerminateReply { Cancel = 0, Now = 1, Later = 2 };
+enum class OpenReply { Success = 0, Failure = 2 };
+
+struct Event {
+    enum class Type { OpenUntitled = 1, OpenFiles, OpenURL, Reopen, Activate, QuitRequest, MenuItem };
+    Type type;
+    std::vector<std::string> items; // file paths, or the one URL
+    std::string action;             // menu items
+
+    std::string description() const; // for the log: "open-files /a /b"
+};
+
+class Application;
+
+// What the application asks and tells its delegate. Every method has a
+// harmless default, as an application without a delegate would behave.
+class ApplicationDelegate {
+public:
+    virtual ~ApplicationDelegate() = default;
+
+    virtual void applicationWillFinishLaunching() {}
+    virtual void applicationDidFinishLaunching() {}
+    virtual void applicationDidBecomeActive() {}
+    virtual void applicationWillTerminate() {}
+
+    virtual bool applicationShouldOpenUntitledFile(Application&) { return true; }
+    virtual bool applicationOpenUntitledFile(Application&) { return false; }
+    virtual void openFiles(Application&, const std::vector<std::string>&) {}
+    virtual bool applicationShouldHandleReopen(Application&, bool /*hasVisibleWindows*/) { return true; }
+    virtual TerminateReply applicationShouldTerminate(Application&) { return TerminateReply::Now; }
+};
+
+class Application {
+public:
+    Application();
+    virtual ~Application();
+    Application(const Application&) = delete;
+    Application& operator=(const Application&) = delete;
+
+    // The one application object of the process, or null.
+    static Application* shared();
+
+    // Runs the launcher: single-instance hand-over, launching, the main loop.
+    // Returns the exit status.
+    int run(int argc, char** argv);
+
+    // Installs the delegate (not owned) and subscribes it to the life-cycle
+    // notifications it is told about.
+    void setDelegate(ApplicationDelegate* delegate);
+    ApplicationDelegate* delegate() const { return m_delegate; }
+
+    // Every event passes through here; the base dispatches it to the delegate.
+    virtual void sendEvent(const Event& event);
+
+    // The get-URL handler: called with each URL of an opening event.
+    void setGetURLHandler(std::function<void(const std::string&)> handler);
+
+    // Asks the delegate whether to quit and acts on the reply.
+    void terminate();
+    void replyToApplicationShouldTerminate(bool shouldTerminate);
+    void replyToOpenOrPrint(OpenReply reply);
+    std::optional<OpenReply> lastOpenReply() const { return m_lastOpenReply; }
+
+    // The launcher has no window of its own: these are logged and nothing else.
+    void hide();
+    void unhide();
+    void unhideWithoutActivation();
+    void activateIgnoringOtherApps();
+
+    // The launcher's own bundle, read at start-up; null outside a bundle.
+    const VTBundle* mainBundle() const { return m_mainBundle.get(); }
+    void setMainBundle(std::unique_ptr<VTBundle> bundle);
+
+    Menu& mainMenu() { return m_mainMenu; }
+
+    // Launching: will-finish-launching, the opening events, did-finish-
+    // launching, then one activation. Tests drive it without a command line.
+    void finishLaunching(const std::vector<Event>& openingEvents);
+
+    // Start-up waits sleep here. A quit request that arrives meanwhile is
+    // handled at once (and may end the process); answers whether one came.
+    bool sleepDuringLaunch(std::chrono::milliseconds duration);
+
+protected:
+    // Ends the process after an agreed quit.
+    [[noreturn]] virtual void exitAfterTermination();
+
+private:
+    class QuitSignals;
+
+    void postNotification(const char* name);
+    void activate();
+    void dispatch(const Event& event);
+
+    static void onOpen(GApplication*, GFile**, gint, gchar*, gpointer) noexcept;
+    static void onActivate(GApplication*, gpointer) noexcept;
+
+    ApplicationDelegate* m_delegate = nullptr;
+    std::function<void(const std::string&)> m_getURLHandler;
+    std::unique_ptr<VTBundle> m_mainBundle;
+    Menu m_mainMenu;
+    GPtr<GApplication> m_gapplication;
+    GPtr<GMainLoop> m_loop;
+    std::unique_ptr<QuitSignals> m_quitSignals;
+    bool m_launched = false;
+    bool m_awaitingTerminateReply = false;
+    std::optional<OpenReply> m_lastOpenReply;
+};
+
+// The opening events for a launch's arguments: one URL event per argument
+// that is a URI with a scheme other than file, in order, then one open-files
+// event with every other argument as an absolute path; none at all gives an
+// untitled opening.
+std::vector<Event> openingEventsForArguments(const std::vector<std::string>& arguments,
+                                             const std::filesystem::path& workingDirectory);
+
+} // namespace vt

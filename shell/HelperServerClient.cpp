@@ -1,0 +1,99 @@
+#include "shell/HelperServerClient.hpp"
+
+#include "source/VTLog.hpp"
+
+namespace vt {
+
+std::unique_ptr<HelperServerClient> HelperServerClient::lookUp()
+{
+    GErrorHolder error;
+    GPtr<GDBusConnection> connection = adopt(g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, error));
+    if (!connection) {
+        VTLog("no session bus for the helper server: %@", error.message());
+        return nullptr;
+    }
+    // Only ask whether the name is owned: the bus must not start a server for
+    // us, because the main application brings up its own.
+    GPtr<GVariant> reply = adopt(g_dbus_connection_call_sync(
+        connection.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+        "NameHasOwner", g_variant_new("(s)", HelperServerBusName), G_VARIANT_TYPE("(b)"),
+        G_DBUS_CALL_FLAGS_NO_AUTO_START, -1, nullptr, error));
+    if (!reply) {
+        VTLog("could not ask the session bus for the helper server: %@", error.message());
+        return nullptr;
+    }
+    gboolean owned = FALSE;
+    g_variant_get(reply.get(), "(b)", &owned);
+    if (!owned)
+        return nullptr;
+    return std::make_unique<HelperServerClient>(std::move(connection));
+}
+
+HelperServerClient::HelperServerClient(GPtr<GDBusConnection> connection) : m_connection(std::move(connection))
+{
+}
+
+HelperServerClient::~HelperServerClient() = default;
+
+GPtr<GVariant> HelperServerClient::call(const char* method, GVariant* parameters, const GVariantType* replyType)
+{
+    // Calls go to the well-known name, not to the owner found by lookUp(): a
+    // server that the main application restarts is still the helper server.
+    GErrorHolder error;
+    GPtr<GVariant> reply = adopt(g_dbus_connection_call_sync(
+        m_connection.get(), HelperServerBusName, HelperServerObjectPath, HelperServerInterface, method,
+        parameters, replyType, G_DBUS_CALL_FLAGS_NO_AUTO_START, -1, nullptr, error));
+    if (!reply)
+        throw HelperServerError(std::string(method) + ": " + error.message());
+    return reply;
+}
+
+std::map<std::string, std::string> HelperServerClient::getEnvironmentForXConnection()
+{
+    GPtr<GVariant> reply = call("GetEnvironmentForXConnection", nullptr, G_VARIANT_TYPE("(a{ss})"));
+    std::map<std::string, std::string> environment;
+    GVariantIter* entries = nullptr;
+    g_variant_get(reply.get(), "(a{ss})", &entries);
+    const char* name = nullptr;
+    const char* value = nullptr;
+    while (g_variant_iter_next(entries, "{&s&s}", &name, &value))
+        environment[name] = value;
+    g_variant_iter_free(entries);
+    return environment;
+}
+
+bool HelperServerClient::isServerReady()
+{
+    GPtr<GVariant> reply = call("IsServerReady", nullptr, G_VARIANT_TYPE("(b)"));
+    gboolean ready = FALSE;
+    g_variant_get(reply.get(), "(b)", &ready);
+    return ready;
+}
+
+bool HelperServerClient::isServerReadyForBottle(const std::string& bottleName)
+{
+    // D-Bus strings are UTF-8 without NULs; anything else cannot be sent, and
+    // GVariant would reject it with a critical warning instead of an error.
+    if (!g_utf8_validate(bottleName.data(), static_cast<gssize>(bottleName.size()), nullptr))
+        throw HelperServerError("IsServerReadyForBottle: the bottle name is not valid UTF-8");
+    GPtr<GVariant> reply = call("IsServerReadyForBottle", g_variant_new("(s)", bottleName.c_str()),
+                                G_VARIANT_TYPE("(b)"));
+    gboolean ready = FALSE;
+    g_variant_get(reply.get(), "(b)", &ready);
+    return ready;
+}
+
+void HelperServerClient::raiseWindowsWithTag(int64_t tag)
+{
+    GPtr<GDBusMessage> message = adopt(g_dbus_message_new_method_call(
+        HelperServerBusName, HelperServerObjectPath, HelperServerInterface, "RaiseWindowsWithTag"));
+    g_dbus_message_set_body(message.get(), g_variant_new("(x)", static_cast<gint64>(tag)));
+    g_dbus_message_set_flags(message.get(), static_cast<GDBusMessageFlags>(G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED
+                                                                           | G_DBUS_MESSAGE_FLAGS_NO_AUTO_START));
+    GErrorHolder error;
+    if (!g_dbus_connection_send_message(m_connection.get(), message.get(), G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr,
+                                        error))
+        throw HelperServerError(std::string("RaiseWindowsWithTag: ") + error.message());
+}
+
+} // namespace vt

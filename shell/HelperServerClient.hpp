@@ -1,0 +1,60 @@
+// The client of the Vantor main application's helper server, reached over the
+// session bus. It knows the environment that Windows processes of a bottle
+// need and whether a bottle is ready to serve.
+//
+// Every call is synchronous on the caller's thread and needs no main loop, so
+// the client can be used from the main thread during start-up and from loader
+// connection threads afterwards, concurrently.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+#include "shell/glib_glue.hpp"
+
+namespace vt {
+
+inline constexpr const char* HelperServerBusName = "com.tallowmere.Vantor.HelperServer";
+inline constexpr const char* HelperServerObjectPath = "/com/tallowmere/Vantor/HelperServer";
+inline constexpr const char* HelperServerInterface = "com.tallowmere.Vantor.HelperServer";
+
+// A call that the bus or the server refused, or a server that went away in
+// the middle of it. The message names the method and carries the D-Bus error.
+class HelperServerError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+class HelperServerClient {
+public:
+    // One attempt to find the server: whether its name has an owner on the
+    // session bus right now. Nothing is started on our behalf. Empty when the
+    // bus cannot be reached or nobody owns the name.
+    static std::unique_ptr<HelperServerClient> lookUp();
+
+    // Talks to whoever owns the server's name on `connection`.
+    explicit HelperServerClient(GPtr<GDBusConnection> connection);
+    // Drops this client's reference to the bus connection.
+    ~HelperServerClient();
+    HelperServerClient(const HelperServerClient&) = delete;
+    HelperServerClient& operator=(const HelperServerClient&) = delete;
+
+    // The base environment of every process started for the bottle. Each
+    // call returns a fresh copy that the caller may change.
+    std::map<std::string, std::string> getEnvironmentForXConnection();
+    bool isServerReady();
+    bool isServerReadyForBottle(const std::string& bottleName);
+    // One-way: sent without waiting for the server, which does not answer.
+    // Throws only when the message cannot be sent at all.
+    void raiseWindowsWithTag(int64_t tag);
+
+private:
+    GPtr<GVariant> call(const char* method, GVariant* parameters, const GVariantType* replyType);
+
+    GPtr<GDBusConnection> m_connection;
+};
+
+} // namespace vt

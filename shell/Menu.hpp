@@ -1,0 +1,39 @@
+// The launcher's menu: what the status icon shows. Loaded from the bundle's
+// Contents/Resources/MainMenu.plist, or the one-item default.
+#pragma once
+
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace vt {
+
+// A title with presentation attributes that travel with it unchanged.
+struct AttributedTitle {
+    std::string text;
+    std::map<std::string, std::string> attributes;
+};
+
+struct Menu;
+
+struct MenuItem {
+    bool separator = false;
+    std::string title;
+    std::optional<AttributedTitle> attributedTitle;
+    std::string action; // "quit", "hide", "activate" or empty
+    std::shared_ptr<Menu> submenu;
+};
+
+struct Menu {
+    std::vector<MenuItem> items;
+};
+
+// The menu of the bundle at `bundlePath`. A missing or unreadable menu file
+// gives the default: one item "Quit %@" with the action "quit".
+Menu loadBundleMenu(const std::filesystem::path& bundlePath);
+Menu defaultMenu();
+
+} // namespace vt

@@ -1,0 +1,229 @@
+#include "source/PropertyList.hpp"
+
+#include <cerrno>
+#include <cmath>
+#include <cstdlib>
+#include <limits>
+#include <memory>
+
+#include <fcntl.h>
+#include <plist/plist.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "shell/posix_glue.hpp"
+
+namespace vt {
+
+namespace {
+
+    struct PlistFree {
+        void operator()(void* node) const noexcept { plist_free(static_cast<plist_t>(node)); }
+    };
+    using PlistNode = std::unique_ptr<void, PlistFree>;
+
+    struct MallocFree {
+        void operator()(void* p) const noexcept { std::free(p); }
+    };
+
+    std::optional<PlistValue> fromNode(plist_t node);
+
+    std::optional<PlistValue> arrayFromNode(plist_t node)
+    {
+        PlistArray array;
+        uint32_t size = plist_array_get_size(node);
+        array.reserve(size);
+        for (uint32_t i = 0; i < size; ++i) {
+            plist_t item = plist_array_get_item(node, i);
+            if (!item)
+                return std::nullopt;
+            // A UID has no place in our values; the array closes up.
+            if (plist_get_node_type(item) == PLIST_UID)
+                continue;
+            auto value = fromNode(item);
+            if (!value)
+                return std::nullopt;
+            array.push_back(std::move(*value));
+        }
+        return PlistValue(std::move(array));
+    }
+
+    std::optional<PlistValue> dictFromNode(plist_t node)
+    {
+        PlistDict dict;
+        plist_dict_iter iterator = nullptr;
+        plist_dict_new_iter(node, &iterator);
+        std::unique_ptr<void, MallocFree> ownedIterator(iterator);
+        uint32_t size = plist_dict_get_size(node);
+        for (uint32_t i = 0; i < size; ++i) {
+            char* rawKey = nullptr;
+            plist_t item = nullptr;
+            plist_dict_next_item(node, iterator, &rawKey, &item);
+            std::unique_ptr<char, MallocFree> key(rawKey);
+            if (!key || !item)
+                return std::nullopt;
+            if (plist_get_node_type(item) == PLIST_UID)
+                continue;
+            auto value = fromNode(item);
+            if (!value)
+                return std::nullopt;
+            dict.insert_or_assign(key.get(), std::move(*value));
+        }
+        return PlistValue(std::move(dict));
+    }
+
+    std::optional<PlistValue> fromNode(plist_t node)
+    {
+        switch (plist_get_node_type(node)) {
+        case PLIST_BOOLEAN: {
+            uint8_t value = 0;
+            plist_get_bool_val(node, &value);
+            return PlistValue(value != 0);
+        }
+        case PLIST_UINT: {
+            uint64_t value = 0;
+            plist_get_uint_val(node, &value);
+            // libplist keeps negative integers as their two's complement.
+            return PlistValue(static_cast<int64_t>(value));
+        }
+        case PLIST_REAL: {
+            double value = 0;
+            plist_get_real_val(node, &value);
+            return PlistValue(value);
+        }
+        case PLIST_STRING: {
+            uint64_t length = 0;
+            const char* text = plist_get_string_ptr(node, &length);
+            return PlistValue(text ? std::string(text, length) : std::string());
+        }
+        case PLIST_DATA: {
+            uint64_t length = 0;
+            const char* bytes = plist_get_data_ptr(node, &length);
+            auto* begin = reinterpret_cast<const uint8_t*>(bytes);
+            return PlistValue(bytes ? PlistData(begin, begin + length) : PlistData());
+        }
+        case PLIST_DATE: {
+            int32_t seconds = 0, microseconds = 0;
+            plist_get_date_val(node, &seconds, &microseconds);
+            return PlistValue(PlistDate { seconds + microseconds / 1e6 });
+        }
+        case PLIST_ARRAY:
+            return arrayFromNode(node);
+        case PLIST_DICT:
+            return dictFromNode(node);
+        default:
+            return std::nullopt;
+        }
+    }
+
+    plist_t toNode(const PlistValue& value)
+    {
+        return std::visit(
+            [](const auto& v) -> plist_t {
+                using T = std::decay_t<decltype(v)>;
+                if constexpr (std::is_same_v<T, bool>) {
+                    return plist_new_bool(v ? 1 : 0);
+                } else if constexpr (std::is_same_v<T, int64_t>) {
+                    return plist_new_uint(static_cast<uint64_t>(v));
+                } else if constexpr (std::is_same_v<T, double>) {
+                    return plist_new_real(v);
+                } else if constexpr (std::is_same_v<T, std::string>) {
+                    return plist_new_string(v.c_str());
+                } else if constexpr (std::is_same_v<T, PlistData>) {
+                    return plist_new_data(reinterpret_cast<const char*>(v.data()), v.size());
+                } else if constexpr (std::is_same_v<T, PlistDate>) {
+                    double whole = std::floor(v.secondsSinceReferenceDate);
+                    auto micro = static_cast<int32_t>(std::lround((v.secondsSinceReferenceDate - whole) * 1e6));
+                    return plist_new_date(static_cast<int32_t>(whole), micro);
+                } else if constexpr (std::is_same_v<T, PlistArray>) {
+                    plist_t array = plist_new_array();
+                    for (const auto& item : v)
+                        plist_array_append_item(array, toNode(item));
+                    return array;
+                } else {
+                    plist_t dict = plist_new_dict();
+                    for (const auto& [key, item] : v)
+                        plist_dict_set_item(dict, key.c_str(), toNode(item));
+                    return dict;
+                }
+            },
+            value.storage);
+    }
+
+} // namespace
+
+const PlistValue* PlistValue::find(std::string_view key) const
+{
+    const PlistDict* dict = asDict();
+    if (!dict)
+        return nullptr;
+    auto found = dict->find(key);
+    return found == dict->end() ? nullptr : &found->second;
+}
+
+std::optional<PlistValue> parsePropertyList(const void* bytes, size_t length)
+{
+    if (!bytes || length == 0 || length > std::numeric_limits<uint32_t>::max())
+        return std::nullopt;
+    plist_t raw = nullptr;
+    plist_from_memory(static_cast<const char*>(bytes), static_cast<uint32_t>(length), &raw);
+    PlistNode root(raw);
+    if (!root)
+        return std::nullopt;
+    return fromNode(root.get());
+}
+
+std::optional<PlistValue> readPropertyListFile(const std::filesystem::path& path)
+{
+    // Non-blocking, so that a FIFO in the file's place cannot stall the
+    // open; it is refused as soon as fstat shows what it is.
+    Fd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    if (!fd)
+        return std::nullopt;
+    struct stat st;
+    if (fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode))
+        return std::nullopt;
+    if (static_cast<uint64_t>(st.st_size) > std::numeric_limits<uint32_t>::max())
+        return std::nullopt;
+
+    std::string contents;
+    char buffer[16384];
+    for (;;) {
+        ssize_t n = ::read(fd.get(), buffer, sizeof buffer);
+        if (n < 0) {
+            if (errno == EINTR)
+                continue;
+            return std::nullopt;
+        }
+        if (n == 0)
+            break;
+        contents.append(buffer, static_cast<size_t>(n));
+        if (contents.size() > std::numeric_limits<uint32_t>::max())
+            return std::nullopt;
+    }
+    return parsePropertyList(contents.data(), contents.size());
+}
+
+std::string toXmlPropertyList(const PlistValue& value)
+{
+    PlistNode root(toNode(value));
+    char* text = nullptr;
+    uint32_t length = 0;
+    plist_to_xml(root.get(), &text, &length);
+    std::string out = text ? std::string(text, length) : std::string();
+    plist_to_xml_free(text);
+    return out;
+}
+
+std::string toBinaryPropertyList(const PlistValue& value)
+{
+    PlistNode root(toNode(value));
+    char* bytes = nullptr;
+    uint32_t length = 0;
+    plist_to_bin(root.get(), &bytes, &length);
+    std::string out = bytes ? std::string(bytes, length) : std::string();
+    plist_to_bin_free(bytes);
+    return out;
+}
+
+} // namespace vt

@@ -1,0 +1,131 @@
+// Test fixtures for bundles and the desktop around them: launcher bundles,
+// copies of the main application with their desktop entries, a private set
+// of XDG directories, and the stand-in main application's record.
+//
+// Typical launcher end-to-end set-up:
+//
+//   TempDir dir;
+//   PrivateBus bus;
+//   Desktop desktop(dir / "desktop");
+//   desktop.addMainApp({ .bundle = dir / "Vantor.app" });        // the stand-in, registered
+//   auto launcher = makeLauncherBundle(dir / "Notepad.app", {
+//       { "CFBundleIdentifier", "com.example.notepad" },
+//       { "VTHelperAppBottleName", "Office" } });                 // Contents/MacOS/Launcher
+//   auto changes = desktop.variables();
+//   changes["DBUS_SESSION_BUS_ADDRESS"] = bus.address();
+//   changes["VT_STANDIN_RECORD"] = (dir / "main-app.record").string();
+//   TestProcess launcherProcess({ launcher.string() }, environmentWith(changes));
+//
+// GIO reads the desktop entries once per process, so lookups that depend on
+// them belong in child processes started with desktop.variables().
+#pragma once
+
+#include <chrono>
+#include <filesystem>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <sys/types.h>
+
+#include "source/PropertyList.hpp"
+
+namespace vt::test {
+
+using namespace std::chrono_literals;
+
+inline constexpr const char* MainAppIdentifier = "com.tallowmere.Vantor";
+inline constexpr const char* MainAppScheme = "com.tallowmere.private-Vantor-app-scheme";
+
+// The stand-in main application and the launcher as built.
+std::filesystem::path standinMainAppBinary();
+std::filesystem::path launcherBinary();
+
+// Writes bundle/Contents/Info.plist as an XML property list, making the
+// directories on the way.
+void writeInfoPlist(const std::filesystem::path& bundle, const PlistDict& info);
+
+// Copies `source` to bundle/Contents/MacOS/<name> with mode 0755 and answers
+// that path.
+std::filesystem::path installExecutable(const std::filesystem::path& bundle, const std::string& name,
+                                        const std::filesystem::path& source);
+
+// Writes `text` as an executable script bundle/Contents/MacOS/<name>.
+std::filesystem::path installScript(const std::filesystem::path& bundle, const std::string& name,
+                                    const std::string& text);
+
+// A launcher bundle: Info.plist with `info` plus CFBundleExecutable = `name`,
+// and a copy of the launcher binary as Contents/MacOS/<name>. Answers the
+// executable's path.
+std::filesystem::path makeLauncherBundle(const std::filesystem::path& bundle, PlistDict info,
+                                         const std::string& name = "Launcher");
+
+// Sets the modification time of `path` itself (seconds since the epoch).
+void setModificationTime(const std::filesystem::path& path, int64_t secondsSinceEpoch);
+
+// One installed copy of the main application.
+struct MainAppCopy {
+    std::filesystem::path bundle {};                   // where it goes (required)
+    std::string identifier = MainAppIdentifier;        // CFBundleIdentifier
+    std::optional<std::string> version = "4.1.0";      // CFBundleVersion; empty: none
+    std::string executableName = "Vantor";             // CFBundleExecutable
+    std::filesystem::path binary = standinMainAppBinary(); // copied to Contents/MacOS/<executableName>
+    bool executable = true;                            // false: the copy lacks execute permission
+    // The desktop entry's Exec names Contents/MacOS/<execName>; when it
+    // differs from the bundle executable it is made as a small script, so
+    // that GIO (which hides entries without a runnable program) still lists
+    // a copy whose bundle executable is not executable.
+    std::optional<std::string> execName = std::nullopt;
+    std::optional<std::string> desktopId = std::nullopt; // default: vantor-<n>.desktop
+    bool registersScheme = true;                         // MimeType=x-scheme-handler/<MainAppScheme>
+    std::optional<int64_t> modified = std::nullopt;      // the bundle directory's mtime, seconds since the epoch
+};
+
+// A private desktop under `root`: XDG data home (with applications/), an
+// empty XDG data dir (so no system entry takes part) and a config home.
+// Desktop entries that register the scheme are listed in mimeinfo.cache in
+// the order they were added, which is the order GIO then reports them in.
+class Desktop {
+public:
+    explicit Desktop(std::filesystem::path root);
+
+    std::filesystem::path dataHome() const { return m_root / "data"; }
+    std::filesystem::path dataDir() const { return m_root / "data-dirs"; }
+    std::filesystem::path configHome() const { return m_root / "config"; }
+    std::filesystem::path applicationsDirectory() const { return dataHome() / "applications"; }
+
+    // XDG_DATA_HOME, XDG_DATA_DIRS and XDG_CONFIG_HOME for environmentWith().
+    std::map<std::string, std::optional<std::string>> variables() const;
+
+    // Makes the copy's bundle and its desktop entry; answers the bundle path.
+    std::filesystem::path addMainApp(const MainAppCopy& copy);
+
+    // A desktop entry <desktopId> whose Exec is `executable` (%U appended).
+    void addDesktopEntry(const std::string& desktopId, const std::filesystem::path& executable,
+                         bool registersScheme);
+
+    // The main application's user defaults: configHome()/com.tallowmere.Vantor.plist.
+    void writeVantorDefaults(const PlistDict& defaults) const;
+
+private:
+    void writeMimeCache() const;
+
+    std::filesystem::path m_root;
+    std::vector<std::string> m_schemeHandlers;
+    int m_copies = 0;
+};
+
+// The lines of a record file (the stand-in main application's, say); none
+// when it does not exist.
+std::vector<std::string> readLines(const std::filesystem::path& path);
+
+// The process that owns `name` on the bus at `busAddress`.
+std::optional<pid_t> busNameOwnerProcess(const std::string& busAddress, const std::string& name);
+
+// Sends SIGTERM to a process that is not our child (a detached main
+// application, say) and runs the main loop until it has ended; a zombie that
+// its new parent has yet to reap counts as ended.
+bool terminateAndWait(pid_t pid, std::chrono::milliseconds timeout = 10s);
+
+} // namespace vt::test

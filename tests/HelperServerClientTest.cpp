@@ -1,0 +1,246 @@
+#include <atomic>
+#include <csignal>
+#include <latch>
+#include <sstream>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "shell/HelperServerClient.hpp"
+#include "tests/TestSupport.hpp"
+
+using namespace std::chrono_literals;
+using vt::HelperServerClient;
+using vt::HelperServerError;
+using vt::test::waitUntil;
+
+namespace {
+
+// One line of the stand-in server's record.
+struct RecordedCall {
+    int64_t milliseconds;
+    std::string call;
+};
+
+int64_t monotonicMilliseconds() { return g_get_monotonic_time() / 1000; }
+
+class HelperServerClientTest : public ::testing::Test {
+protected:
+    // Starts the stand-in server with `settings` (VT_STANDIN_* variables) on
+    // the private bus; unless told otherwise, waits until it owns its name.
+    void startServer(const std::map<std::string, std::string>& settings = {}, bool waitForName = true)
+    {
+        std::map<std::string, std::optional<std::string>> changes {
+            { "VT_STANDIN_NOT_READY", std::nullopt },
+            { "VT_STANDIN_GONE_AFTER", std::nullopt },
+            { "VT_STANDIN_SERVER_DELAY_MS", std::nullopt },
+            { "VT_STANDIN_SERVER_ENV", std::nullopt },
+            { "VT_STANDIN_SERVER_RECORD", recordPath.string() },
+        };
+        for (const auto& [name, value] : settings)
+            changes[name] = value;
+        server = std::make_unique<vt::test::TestProcess>(
+            std::vector<std::string> { VT_STANDIN_DIR "/vt-standin-helper-server" },
+            vt::test::environmentWith(changes));
+        if (waitForName) {
+            ASSERT_TRUE(waitUntil([this] { return bus.hasOwner(vt::HelperServerBusName); }));
+        }
+    }
+
+    std::vector<RecordedCall> recordedCalls() const
+    {
+        std::vector<RecordedCall> calls;
+        std::istringstream lines(vt::test::readFile(recordPath));
+        std::string line;
+        while (std::getline(lines, line)) {
+            auto space = line.find(' ');
+            calls.push_back({ std::stoll(line.substr(0, space)), line.substr(space + 1) });
+        }
+        return calls;
+    }
+
+    std::vector<std::string> recordedCallNames() const
+    {
+        std::vector<std::string> names;
+        for (const auto& call : recordedCalls())
+            names.push_back(call.call);
+        return names;
+    }
+
+    vt::test::PrivateBus bus;
+    vt::test::TempDir dir;
+    std::filesystem::path recordPath = dir / "record";
+    std::unique_ptr<vt::test::TestProcess> server;
+};
+
+} // namespace
+
+TEST_F(HelperServerClientTest, FindsTheServerOnlyWhileItOwnsTheName)
+{
+    EXPECT_EQ(HelperServerClient::lookUp(), nullptr);
+
+    // The server exports its object at once but takes the name later, as a
+    // main application that is still starting does.
+    startServer({ { "VT_STANDIN_SERVER_DELAY_MS", "500" } }, false);
+    EXPECT_EQ(HelperServerClient::lookUp(), nullptr);
+    ASSERT_TRUE(waitUntil([] { return HelperServerClient::lookUp() != nullptr; }));
+
+    auto client = HelperServerClient::lookUp();
+    ASSERT_TRUE(client);
+    EXPECT_TRUE(client->isServerReady());
+
+    server->signal(SIGTERM);
+    EXPECT_EQ(server->waitForExit(), 0);
+    EXPECT_EQ(HelperServerClient::lookUp(), nullptr);
+    // A client that outlives the server is not silently answered.
+    EXPECT_THROW(client->isServerReady(), HelperServerError);
+    EXPECT_EQ(recordedCallNames(), std::vector<std::string> { "IsServerReady" });
+}
+
+TEST_F(HelperServerClientTest, BottleBecomesReadyAfterTheNotReadyAnswers)
+{
+    startServer({ { "VT_STANDIN_NOT_READY", "3" } });
+    auto client = HelperServerClient::lookUp();
+    ASSERT_TRUE(client);
+
+    const std::string bottle = "My Bottle – Ünïcode";
+    int64_t before = monotonicMilliseconds();
+    std::vector<bool> answers;
+    for (int i = 0; i < 5; ++i)
+        answers.push_back(client->isServerReadyForBottle(bottle));
+    int64_t after = monotonicMilliseconds();
+    EXPECT_EQ(answers, (std::vector<bool> { false, false, false, true, true }));
+
+    // The bottle name reaches the server verbatim, and the timestamps share
+    // our clock, so start-up tests can measure the spacing of polls.
+    auto calls = recordedCalls();
+    ASSERT_EQ(calls.size(), 5u);
+    int64_t previous = before;
+    for (const auto& call : calls) {
+        EXPECT_EQ(call.call, "IsServerReadyForBottle " + bottle);
+        EXPECT_GE(call.milliseconds, previous);
+        EXPECT_LE(call.milliseconds, after);
+        previous = call.milliseconds;
+    }
+
+    // A name D-Bus cannot carry is refused here instead of being sent.
+    EXPECT_THROW(client->isServerReadyForBottle("Steam\xff"), HelperServerError);
+    EXPECT_THROW(client->isServerReadyForBottle(std::string("Ste\0am", 6)), HelperServerError);
+    EXPECT_EQ(recordedCalls().size(), 5u);
+}
+
+TEST_F(HelperServerClientTest, EnvironmentArrivesExactly)
+{
+    const std::map<std::string, std::string> expected {
+        { "PATH", "/usr/bin:/bin" },
+        { "WINEPREFIX", "/home/user/My Bottles/Steam" },
+        { "GREETING", "héllo wörld ✓ 日本語" },
+        { "EQUATION", "a=b==c=" },
+        { "EMPTY", "" },
+        { "LEADING", "  two blanks" },
+    };
+    std::string file;
+    for (const auto& [name, value] : expected)
+        file += name + "=" + value + "\n";
+    vt::test::writeFile(dir / "environment", file);
+    startServer({ { "VT_STANDIN_SERVER_ENV", (dir / "environment").string() } });
+
+    auto client = HelperServerClient::lookUp();
+    ASSERT_TRUE(client);
+    EXPECT_EQ(client->getEnvironmentForXConnection(), expected);
+    EXPECT_EQ(recordedCallNames(), std::vector<std::string> { "GetEnvironmentForXConnection" });
+}
+
+TEST_F(HelperServerClientTest, RaiseWindowsWithTagDoesNotWaitForTheServer)
+{
+    startServer();
+    auto client = HelperServerClient::lookUp();
+    ASSERT_TRUE(client);
+
+    // A stopped server answers nothing: a call that waited for it would sit
+    // here until the D-Bus time-out.
+    server->signal(SIGSTOP);
+    auto start = std::chrono::steady_clock::now();
+    client->raiseWindowsWithTag(4242);
+    client->raiseWindowsWithTag(9007199254740993); // 2^53 + 1: needs all 64 bits
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 2s);
+    server->signal(SIGCONT);
+
+    const std::vector<std::string> expected { "RaiseWindowsWithTag 4242", "RaiseWindowsWithTag 9007199254740993" };
+    EXPECT_TRUE(waitUntil([&] { return recordedCallNames().size() == 2; }));
+    // Without the no-reply-expected flag the stand-in would mark the lines.
+    EXPECT_EQ(recordedCallNames(), expected);
+}
+
+TEST_F(HelperServerClientTest, ServerVanishingWhilePolledIsAnError)
+{
+    startServer({ { "VT_STANDIN_NOT_READY", "10" }, { "VT_STANDIN_GONE_AFTER", "2" } });
+    auto client = HelperServerClient::lookUp();
+    ASSERT_TRUE(client);
+
+    EXPECT_FALSE(client->isServerReadyForBottle("Steam"));
+    EXPECT_FALSE(client->isServerReadyForBottle("Steam"));
+    try {
+        client->isServerReadyForBottle("Steam");
+        ADD_FAILURE() << "a server that left without answering gave an answer";
+    } catch (const HelperServerError& e) {
+        EXPECT_NE(std::string(e.what()).find("IsServerReadyForBottle: "), std::string::npos) << e.what();
+        EXPECT_NE(std::string(e.what()).find("org.freedesktop.DBus.Error."), std::string::npos) << e.what();
+    }
+    EXPECT_EQ(server->waitForExit(), 0);
+
+    EXPECT_THROW(client->getEnvironmentForXConnection(), HelperServerError);
+    EXPECT_EQ(HelperServerClient::lookUp(), nullptr);
+}
+
+TEST_F(HelperServerClientTest, CallsFromSeveralThreadsAtOnce)
+{
+    startServer();
+    auto client = HelperServerClient::lookUp();
+    ASSERT_TRUE(client);
+
+    // The main thread only waits here: the client must not need the main loop.
+    constexpr int threadCount = 8;
+    constexpr int callsPerThread = 20;
+    std::atomic<int> good { 0 };
+    std::atomic<int> failed { 0 };
+    std::latch start(threadCount);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < threadCount; ++t) {
+        threads.emplace_back([&, t] {
+            start.arrive_and_wait();
+            for (int i = 0; i < callsPerThread; ++i) {
+                try {
+                    bool ready = client->isServerReadyForBottle("bottle " + std::to_string(t));
+                    auto environment = client->getEnvironmentForXConnection();
+                    if (ready && environment["VT_STANDIN_HELPER_ENVIRONMENT"] == "default")
+                        ++good;
+                    else
+                        ++failed;
+                } catch (const HelperServerError&) {
+                    ++failed;
+                }
+            }
+        });
+    }
+    for (auto& thread : threads)
+        thread.join();
+    EXPECT_EQ(good, threadCount * callsPerThread);
+    EXPECT_EQ(failed, 0);
+
+    std::map<std::string, int> counts;
+    for (const auto& name : recordedCallNames())
+        ++counts[name];
+    EXPECT_EQ(counts["GetEnvironmentForXConnection"], threadCount * callsPerThread);
+    for (int t = 0; t < threadCount; ++t)
+        EXPECT_EQ(counts["IsServerReadyForBottle bottle " + std::to_string(t)], callsPerThread);
+}
+
+TEST(HelperServerLookUp, FindsNothingWithoutASessionBus)
+{
+    vt::test::TempDir dir;
+    vt::test::ScopedEnvironment environment;
+    environment.set("DBUS_SESSION_BUS_ADDRESS", "unix:path=" + (dir / "no-bus").string());
+    EXPECT_EQ(HelperServerClient::lookUp(), nullptr);
+}
+

@@ -1,0 +1,174 @@
+// The Wine controller seam: what a driver registered through the C function
+// receives, and in which order relative to the launcher's own dispatch.
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "app/VTFBHelperApp.hpp"
+#include "shell/NotificationCenter.hpp"
+#include "vtlauncher/wine_controller.h"
+
+using vt::Event;
+
+namespace {
+
+struct Terminated {};
+
+// The delegate stays subscribed only where a test asks for it: the posted
+// will-finish-launching would otherwise run the whole start-up.
+class TestApp : public vt::VTFBHelperApp {
+public:
+    explicit TestApp(bool withDelegate = false)
+    {
+        if (!withDelegate)
+            setDelegate(nullptr);
+    }
+
+protected:
+    [[noreturn]] void exitAfterTermination() override { throw Terminated {}; }
+};
+
+// A controller that writes down every call it gets.
+struct Recorder {
+    std::vector<std::string> calls;
+    bool consume = false;
+    vt_terminate_reply terminateReply = VT_TERMINATE_NOW;
+};
+
+Recorder& recorder(void* context) { return *static_cast<Recorder*>(context); }
+
+vt_wine_controller fullController(Recorder& rec)
+{
+    vt_wine_controller c {};
+    c.context = &rec;
+    c.handle_event = [](void* ctx, const vt_event* e) {
+        recorder(ctx).calls.push_back("handle " + std::to_string(e->type));
+        return recorder(ctx).consume;
+    };
+    c.did_send_event = [](void* ctx, const vt_event* e) {
+        recorder(ctx).calls.push_back("did-send " + std::to_string(e->type));
+    };
+    c.application_will_become_active = [](void* ctx) { recorder(ctx).calls.push_back("will-become-active"); };
+    c.application_did_become_active = [](void* ctx) { recorder(ctx).calls.push_back("did-become-active"); };
+    c.application_will_terminate = [](void* ctx) { recorder(ctx).calls.push_back("will-terminate"); };
+    c.should_terminate = [](void* ctx) { return recorder(ctx).terminateReply; };
+    return c;
+}
+
+const char* allNotifications[] = {
+    vt::ApplicationDidBecomeActiveNotification, vt::ApplicationDidChangeScreenParametersNotification,
+    vt::ApplicationDidFinishLaunchingNotification, vt::ApplicationDidHideNotification,
+    vt::ApplicationDidResignActiveNotification, vt::ApplicationDidUnhideNotification,
+    vt::ApplicationDidUpdateNotification, vt::ApplicationWillBecomeActiveNotification,
+    vt::ApplicationWillFinishLaunchingNotification, vt::ApplicationWillHideNotification,
+    vt::ApplicationWillResignActiveNotification, vt::ApplicationWillTerminateNotification,
+    vt::ApplicationWillUnhideNotification, vt::ApplicationWillUpdateNotification,
+};
+
+void postAll(const void* object)
+{
+    for (const char* name : allNotifications)
+        vt::NotificationCenter::defaultCenter().post(name, object);
+}
+
+} // namespace
+
+TEST(WineController, ReceivesExactlyTheNotificationsItImplements)
+{
+    TestApp app;
+    Recorder rec;
+    vt_wine_controller controller {};
+    controller.context = &rec;
+    controller.application_did_hide = [](void* ctx) { recorder(ctx).calls.push_back("did-hide"); };
+    controller.application_will_update = [](void* ctx) { recorder(ctx).calls.push_back("will-update"); };
+    vt_set_wine_controller(&controller);
+
+    postAll(&app);
+    EXPECT_EQ(rec.calls, (std::vector<std::string> { "did-hide", "will-update" }));
+
+    rec.calls.clear();
+    int someoneElse;
+    postAll(&someoneElse);
+    EXPECT_TRUE(rec.calls.empty()) << "notifications of other objects are not forwarded";
+}
+
+TEST(WineController, ReplacingOrClearingLeavesNoOldRegistration)
+{
+    TestApp app;
+    Recorder first, second;
+    vt_wine_controller a = fullController(first), b = fullController(second);
+
+    vt_set_wine_controller(&a);
+    vt_set_wine_controller(&a);
+    vt::NotificationCenter::defaultCenter().post(vt::ApplicationDidBecomeActiveNotification, &app);
+    EXPECT_EQ(first.calls, (std::vector<std::string> { "did-become-active" }));
+
+    vt_set_wine_controller(&b);
+    postAll(&app);
+    EXPECT_EQ(first.calls.size(), 1u);
+    EXPECT_EQ(second.calls, (std::vector<std::string> { "did-become-active", "will-become-active", "will-terminate" }));
+
+    vt_set_wine_controller(nullptr);
+    EXPECT_EQ(app.wineController(), nullptr);
+    second.calls.clear();
+    app.sendEvent(Event { Event::Type::Activate, {}, {} });
+    EXPECT_TRUE(second.calls.empty());
+}
+
+TEST(WineController, SeesEventsBeforeAndAfterTheLaunchersDispatch)
+{
+    TestApp app;
+    Recorder rec;
+    vt_wine_controller controller = fullController(rec);
+    vt_set_wine_controller(&controller);
+
+    app.sendEvent(Event { Event::Type::Activate, {}, {} });
+    EXPECT_EQ(rec.calls, (std::vector<std::string> { "handle 5", "will-become-active", "did-become-active",
+                                                     "did-send 5" }));
+
+    rec.calls.clear();
+    rec.consume = true;
+    app.sendEvent(Event { Event::Type::Activate, {}, {} });
+    EXPECT_EQ(rec.calls, (std::vector<std::string> { "handle 5" })) << "a consumed event goes no further";
+}
+
+TEST(WineController, EventCarriesItsItemsToC)
+{
+    TestApp app;
+    static std::vector<std::string> seen;
+    seen.clear();
+    vt_wine_controller controller {};
+    controller.handle_event = [](void*, const vt_event* e) {
+        for (size_t i = 0; i < e->item_count; ++i)
+            seen.emplace_back(e->items[i]);
+        return true;
+    };
+    vt_set_wine_controller(&controller);
+    app.sendEvent(Event { Event::Type::OpenFiles, { "/a b/é.txt", "/c" }, {} });
+    EXPECT_EQ(seen, (std::vector<std::string> { "/a b/é.txt", "/c" }));
+}
+
+TEST(WineController, AnswersTheQuitQuestionItselfIncludingLater)
+{
+    TestApp app(true);
+    Recorder rec;
+    vt_wine_controller controller = fullController(rec);
+    vt_set_wine_controller(&controller);
+
+    rec.terminateReply = VT_TERMINATE_CANCEL;
+    EXPECT_NO_THROW(app.terminate());
+
+    rec.terminateReply = VT_TERMINATE_LATER;
+    EXPECT_NO_THROW(app.terminate());
+    EXPECT_NO_THROW(app.terminate()) << "a second request while the answer is pending asks nothing";
+    rec.calls.clear();
+    EXPECT_THROW(app.replyToApplicationShouldTerminate(true), Terminated);
+    EXPECT_EQ(rec.calls, (std::vector<std::string> { "will-terminate" }));
+}
+
+TEST(WineController, WithoutControllerAQuitWithNothingRunningTerminatesNow)
+{
+    TestApp app(true);
+    EXPECT_THROW(app.sendEvent(Event { Event::Type::QuitRequest, {}, {} }), Terminated);
+}

@@ -1,0 +1,231 @@
+#include "tests/standin/helper_server/HelperServerStandIn.hpp"
+
+#include <cerrno>
+#include <charconv>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <stdexcept>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "shell/HelperServerClient.hpp"
+
+namespace vt::standin {
+
+namespace {
+    const char* const introspectionXml = R"(
+<node>
+  <interface name="com.tallowmere.Vantor.HelperServer">
+    <method name="GetEnvironmentForXConnection">
+      <arg direction="out" type="a{ss}" name="environment"/>
+    </method>
+    <method name="IsServerReady">
+      <arg direction="out" type="b" name="ready"/>
+    </method>
+    <method name="IsServerReadyForBottle">
+      <arg direction="in" type="s" name="bottle"/>
+      <arg direction="out" type="b" name="ready"/>
+    </method>
+    <method name="RaiseWindowsWithTag">
+      <arg direction="in" type="x" name="tag"/>
+    </method>
+  </interface>
+</node>)";
+
+    std::optional<unsigned> numberFromEnvironment(const char* name)
+    {
+        const char* text = std::getenv(name);
+        if (!text)
+            return std::nullopt;
+        unsigned value = 0;
+        const char* end = text + std::strlen(text);
+        auto [stop, error] = std::from_chars(text, end, value);
+        if (error != std::errc() || stop != end || stop == text)
+            throw std::runtime_error(std::string(name) + " is not a non-negative number: \"" + text + "\"");
+        return value;
+    }
+
+    std::map<std::string, std::string> readEnvironmentFile(const std::string& path)
+    {
+        std::ifstream in(path, std::ios::binary);
+        if (!in)
+            throw std::runtime_error("cannot read VT_STANDIN_SERVER_ENV file " + path);
+        std::map<std::string, std::string> environment;
+        std::string line;
+        while (std::getline(in, line)) {
+            if (line.empty())
+                continue;
+            auto equals = line.find('=');
+            // D-Bus strings must be valid UTF-8; refuse here rather than let
+            // GVariant drop the reply.
+            if (equals == std::string::npos || equals == 0
+                || !g_utf8_validate(line.data(), static_cast<gssize>(line.size()), nullptr))
+                throw std::runtime_error("not a KEY=VALUE line in " + path + ": \"" + line + "\"");
+            environment[line.substr(0, equals)] = line.substr(equals + 1);
+        }
+        return environment;
+    }
+
+    const GDBusInterfaceInfo* interfaceInfo()
+    {
+        static GDBusNodeInfo* node = [] {
+            GErrorHolder error;
+            GDBusNodeInfo* info = g_dbus_node_info_new_for_xml(introspectionXml, error);
+            if (!info)
+                throw std::logic_error(std::string("bad introspection data: ") + error.message());
+            return info;
+        }();
+        return node->interfaces[0];
+    }
+} // namespace
+
+HelperServerSettings HelperServerSettings::fromEnvironment()
+{
+    HelperServerSettings settings;
+    settings.notReadyCount = numberFromEnvironment("VT_STANDIN_NOT_READY").value_or(0);
+    settings.goneAfter = numberFromEnvironment("VT_STANDIN_GONE_AFTER");
+    settings.ownNameDelay = std::chrono::milliseconds(numberFromEnvironment("VT_STANDIN_SERVER_DELAY_MS").value_or(0));
+    if (const char* path = std::getenv("VT_STANDIN_SERVER_ENV"))
+        settings.environment = readEnvironmentFile(path);
+    else
+        settings.environment = {
+            { "PATH", "/usr/local/bin:/usr/bin:/bin" },
+            { "LANG", "C.UTF-8" },
+            { "VT_STANDIN_HELPER_ENVIRONMENT", "default" },
+        };
+    if (const char* path = std::getenv("VT_STANDIN_SERVER_RECORD"))
+        settings.recordPath = path;
+    return settings;
+}
+
+HelperServerStandIn::OwnedName::OwnedName(GDBusConnection* connection, std::shared_ptr<NameState> state)
+{
+    auto acquired = [](GDBusConnection*, const char*, gpointer data) noexcept {
+        (*static_cast<std::shared_ptr<NameState>*>(data))->owned = true;
+    };
+    auto lost = [](GDBusConnection*, const char* name, gpointer data) noexcept {
+        auto& state = *static_cast<std::shared_ptr<NameState>*>(data);
+        if (state->owned.exchange(false) == false)
+            g_printerr("helper server stand-in: could not own %s\n", name);
+    };
+    auto release = [](gpointer data) noexcept { delete static_cast<std::shared_ptr<NameState>*>(data); };
+    m_ownerId = g_bus_own_name_on_connection(connection, HelperServerBusName, G_BUS_NAME_OWNER_FLAGS_NONE,
+                                             acquired, lost, new std::shared_ptr<NameState>(std::move(state)),
+                                             release);
+}
+
+HelperServerStandIn::OwnedName::~OwnedName() { g_bus_unown_name(m_ownerId); }
+
+HelperServerStandIn::ExportedObject::ExportedObject(GDBusConnection* connection, HelperServerStandIn* server)
+    : m_connection(addRef(connection))
+{
+    static const GDBusInterfaceVTable vtable = { handleMethodCall, nullptr, nullptr, { nullptr } };
+    GErrorHolder error;
+    m_registrationId = g_dbus_connection_register_object(
+        connection, HelperServerObjectPath, const_cast<GDBusInterfaceInfo*>(interfaceInfo()), &vtable, server,
+        nullptr, error);
+    if (m_registrationId == 0)
+        throw std::runtime_error(std::string("cannot export the helper server: ") + error.message());
+}
+
+HelperServerStandIn::ExportedObject::~ExportedObject()
+{
+    g_dbus_connection_unregister_object(m_connection.get(), m_registrationId);
+}
+
+HelperServerStandIn::HelperServerStandIn(GDBusConnection* connection, HelperServerSettings settings)
+    : m_settings(std::move(settings)), m_connection(addRef(connection))
+{
+    if (!m_settings.recordPath.empty()) {
+        m_record.reset(open(m_settings.recordPath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
+        if (!m_record)
+            throw std::runtime_error("cannot open the record file " + m_settings.recordPath + ": "
+                                     + std::strerror(errno));
+    }
+    // Export before owning the name: whoever sees the name finds the object.
+    m_object = std::make_unique<ExportedObject>(connection, this);
+    if (m_settings.ownNameDelay.count() == 0) {
+        m_name = std::make_unique<OwnedName>(connection, m_nameState);
+    } else {
+        m_ownNameLater = TimeoutSource("helper server stand-in: own the name", m_settings.ownNameDelay, [this] {
+            m_name = std::make_unique<OwnedName>(m_connection.get(), m_nameState);
+            return false;
+        });
+    }
+}
+
+HelperServerStandIn::~HelperServerStandIn() = default;
+
+void HelperServerStandIn::handleMethodCall(GDBusConnection*, const char*, const char*, const char*,
+                                           const char* methodName, GVariant* parameters,
+                                           GDBusMethodInvocation* invocation, gpointer data) noexcept
+{
+    try {
+        static_cast<HelperServerStandIn*>(data)->answer(methodName, parameters, invocation);
+    } catch (const std::exception& e) {
+        g_dbus_method_invocation_return_dbus_error(invocation, "org.freedesktop.DBus.Error.Failed", e.what());
+    } catch (...) {
+        g_dbus_method_invocation_return_dbus_error(invocation, "org.freedesktop.DBus.Error.Failed",
+                                                   "unexpected failure");
+    }
+}
+
+void HelperServerStandIn::answer(const std::string& method, GVariant* parameters, GDBusMethodInvocation* invocation)
+{
+    std::string line = method;
+    if (method == "IsServerReadyForBottle") {
+        const char* bottle = nullptr;
+        g_variant_get(parameters, "(&s)", &bottle);
+        line += std::string(" ") + bottle;
+    } else if (method == "RaiseWindowsWithTag") {
+        gint64 tag = 0;
+        g_variant_get(parameters, "(x)", &tag);
+        line += " " + std::to_string(tag);
+        GDBusMessage* message = g_dbus_method_invocation_get_message(invocation);
+        if (!(g_dbus_message_get_flags(message) & G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED))
+            line += " expecting-reply";
+    }
+    record(line);
+
+    if (m_settings.goneAfter && m_readinessAnswers >= *m_settings.goneAfter) {
+        // Vanish the way a crashed server does: no reply, no goodbye. The bus
+        // tells the caller that we left without answering.
+        _exit(0);
+    }
+
+    if (method == "GetEnvironmentForXConnection") {
+        GVariantBuilder entries;
+        g_variant_builder_init(&entries, G_VARIANT_TYPE("a{ss}"));
+        for (const auto& [name, value] : m_settings.environment)
+            g_variant_builder_add(&entries, "{ss}", name.c_str(), value.c_str());
+        g_dbus_method_invocation_return_value(invocation, g_variant_new("(a{ss})", &entries));
+    } else if (method == "IsServerReady") {
+        ++m_readinessAnswers;
+        g_dbus_method_invocation_return_value(invocation, g_variant_new("(b)", TRUE));
+    } else if (method == "IsServerReadyForBottle") {
+        ++m_readinessAnswers;
+        bool ready = m_notReadyAnswers >= m_settings.notReadyCount;
+        if (!ready)
+            ++m_notReadyAnswers;
+        g_dbus_method_invocation_return_value(invocation, g_variant_new("(b)", ready ? TRUE : FALSE));
+    } else {
+        // One-way: GDBus sends nothing when the caller asked for no reply,
+        // but the invocation must still be finished.
+        g_dbus_method_invocation_return_value(invocation, nullptr);
+    }
+}
+
+void HelperServerStandIn::record(const std::string& line)
+{
+    if (!m_record)
+        return;
+    std::string text = std::to_string(g_get_monotonic_time() / 1000) + " " + line + "\n";
+    // One write per line: O_APPEND keeps lines whole even when several
+    // servers share a record file.
+    if (write(m_record.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size()))
+        g_printerr("helper server stand-in: cannot record \"%s\": %s\n", line.c_str(), std::strerror(errno));
+}
+
+} // namespace vt::standin

@@ -1,0 +1,130 @@
+// The stand-in for the Vantor main application's helper server: it exports
+// com.tallowmere.Vantor.HelperServer on a D-Bus connection and owns the
+// server's bus name. The program vt-standin-helper-server runs one on the
+// session bus; the stand-in main application can serve one in-process.
+//
+// It is configured by environment variables, so that a server started by the
+// launcher (inside the stand-in main application) takes the test's settings
+// from the environment it inherits:
+//
+//   VT_STANDIN_NOT_READY=N        IsServerReadyForBottle answers false to the
+//                                 first N calls (whatever the bottle), then
+//                                 true. IsServerReady always answers true.
+//   VT_STANDIN_GONE_AFTER=N       After N readiness answers (IsServerReady and
+//                                 IsServerReadyForBottle together), the next
+//                                 call of any kind is recorded and the process
+//                                 exits at once (status 0) without replying:
+//                                 a server that vanishes under its callers.
+//   VT_STANDIN_SERVER_DELAY_MS=N  Own the bus name N ms after start instead of
+//                                 at once (the object is exported at once).
+//   VT_STANDIN_SERVER_ENV=path    The dictionary GetEnvironmentForXConnection
+//                                 returns: one KEY=VALUE per line, split at the
+//                                 first '=' (values may hold '=', blanks, any
+//                                 UTF-8); empty lines are skipped. Default:
+//                                 PATH=/usr/local/bin:/usr/bin:/bin,
+//                                 LANG=C.UTF-8, VT_STANDIN_HELPER_ENVIRONMENT=default.
+//   VT_STANDIN_SERVER_RECORD=path Append one line per call received, written
+//                                 with a single write as the call arrives:
+//                                   <ms> GetEnvironmentForXConnection
+//                                   <ms> IsServerReady
+//                                   <ms> IsServerReadyForBottle <bottle>
+//                                   <ms> RaiseWindowsWithTag <tag>
+//                                 <ms> is CLOCK_MONOTONIC in milliseconds
+//                                 (g_get_monotonic_time() / 1000), comparable
+//                                 across processes; <bottle> is the rest of the
+//                                 line, verbatim; <tag> is decimal. A
+//                                 RaiseWindowsWithTag sent without the
+//                                 no-reply-expected flag gets " expecting-reply"
+//                                 appended, so a caller that waits shows up.
+//
+// A malformed value makes HelperServerSettings::fromEnvironment() throw.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "shell/MainLoop.hpp"
+#include "shell/glib_glue.hpp"
+#include "shell/posix_glue.hpp"
+
+namespace vt::standin {
+
+struct HelperServerSettings {
+    unsigned notReadyCount = 0;
+    std::optional<unsigned> goneAfter;
+    std::chrono::milliseconds ownNameDelay { 0 };
+    std::map<std::string, std::string> environment;
+    // Empty: nothing is recorded.
+    std::string recordPath;
+
+    // The settings the VT_STANDIN_* variables above describe.
+    static HelperServerSettings fromEnvironment();
+};
+
+class HelperServerStandIn {
+public:
+    // Exports the object on `connection` at once and owns the name at once or
+    // after the delay (on the default main context). Throws when the object
+    // cannot be exported or the record file cannot be opened.
+    HelperServerStandIn(GDBusConnection* connection, HelperServerSettings settings);
+    // Releases the name and withdraws the object.
+    ~HelperServerStandIn();
+    HelperServerStandIn(const HelperServerStandIn&) = delete;
+    HelperServerStandIn& operator=(const HelperServerStandIn&) = delete;
+
+    bool ownsName() const { return m_nameState->owned; }
+
+private:
+    // Shared with the name-owning callbacks, which may outlive this object
+    // until GIO drops them.
+    struct NameState {
+        std::atomic<bool> owned { false };
+    };
+
+    // The bus name while we ask for it; given back when this goes away.
+    class OwnedName {
+    public:
+        OwnedName(GDBusConnection* connection, std::shared_ptr<NameState> state);
+        ~OwnedName();
+        OwnedName(const OwnedName&) = delete;
+        OwnedName& operator=(const OwnedName&) = delete;
+
+    private:
+        guint m_ownerId;
+    };
+
+    // The exported object; withdrawn when this goes away.
+    class ExportedObject {
+    public:
+        ExportedObject(GDBusConnection* connection, HelperServerStandIn* server);
+        ~ExportedObject();
+        ExportedObject(const ExportedObject&) = delete;
+        ExportedObject& operator=(const ExportedObject&) = delete;
+
+    private:
+        GPtr<GDBusConnection> m_connection;
+        guint m_registrationId;
+    };
+
+    static void handleMethodCall(GDBusConnection*, const char* sender, const char* objectPath,
+                                 const char* interfaceName, const char* methodName, GVariant* parameters,
+                                 GDBusMethodInvocation* invocation, gpointer data) noexcept;
+    void answer(const std::string& method, GVariant* parameters, GDBusMethodInvocation* invocation);
+    void record(const std::string& line);
+
+    HelperServerSettings m_settings;
+    GPtr<GDBusConnection> m_connection;
+    Fd m_record;
+    unsigned m_readinessAnswers = 0;
+    unsigned m_notReadyAnswers = 0;
+    std::shared_ptr<NameState> m_nameState = std::make_shared<NameState>();
+    std::unique_ptr<ExportedObject> m_object;
+    TimeoutSource m_ownNameLater;
+    std::unique_ptr<OwnedName> m_name;
+};
+
+} // namespace vt::standin
