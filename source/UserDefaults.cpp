@@ -61,7 +61,8 @@ bool boolValueOfDefault(const PlistValue& value)
     if (const double* real = value.asReal())
         return *real != 0;
     if (const std::string* text = value.asString())
-        return !text->empty() && (text->front() == 'Y' || text->front() == 'y' || text->front() == 'T' || text->front() == 't');
+        return !text->empty()
+            && (text->front() == 'Y' || text->front() == 'y' || text->front() == 'T' || text->front() == 't');
     return false;
 }
 

@@ -20,9 +20,9 @@ std::optional<std::filesystem::path> VTBundle::bundlePathForExecutable(const std
 {
     if (!executable.has_filename())
         return std::nullopt;
-    std::filesystem::path macOS = executable.parent_path();
-    std::filesystem::path contents = macOS.parent_path();
-    if (macOS.filename() != "MacOS" || contents.filename() != "Contents")
+    std::filesystem::path programs = executable.parent_path();
+    std::filesystem::path contents = programs.parent_path();
+    if (programs.filename() != "MacOS" || contents.filename() != "Contents")
         return std::nullopt;
     std::filesystem::path bundle = contents.parent_path();
     if (bundle.empty())

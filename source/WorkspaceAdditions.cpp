@@ -43,15 +43,12 @@ namespace {
     std::optional<std::filesystem::path> bundleOfProcess(uint32_t pid)
     {
         std::error_code error;
-        std::string executable
-            = std::filesystem::read_symlink("/proc/" + std::to_string(pid) + "/exe", error).string();
+        std::filesystem::path executable
+            = std::filesystem::read_symlink("/proc/" + std::to_string(pid) + "/exe", error);
         if (error)
             return std::nullopt;
-        // A copy updated while it runs still names its old executable, with
-        // this mark; its bundle is where it was.
-        constexpr std::string_view deleted = " (deleted)";
-        if (executable.size() > deleted.size() && executable.ends_with(deleted))
-            executable.resize(executable.size() - deleted.size());
+        // Only the directories count: a copy updated while it runs, whose
+        // executable reads "<x> (deleted)", is still found in its bundle.
         return VTBundle::bundlePathForExecutable(executable);
     }
 
@@ -98,6 +95,11 @@ namespace {
 
     bool equalIgnoringCase(const std::string& a, const std::string& b)
     {
+        // Case folding needs valid UTF-8; a binary Info.plist can hold
+        // anything in an ASCII string.
+        if (!g_utf8_validate(a.data(), static_cast<gssize>(a.size()), nullptr)
+            || !g_utf8_validate(b.data(), static_cast<gssize>(b.size()), nullptr))
+            return a.size() == b.size() && g_ascii_strncasecmp(a.data(), b.data(), a.size()) == 0;
         GCharPtr foldedA(g_utf8_casefold(a.c_str(), static_cast<gssize>(a.size())));
         GCharPtr foldedB(g_utf8_casefold(b.c_str(), static_cast<gssize>(b.size())));
         return std::strcmp(foldedA.get(), foldedB.get()) == 0;
@@ -243,8 +245,9 @@ namespace {
         return delivered;
     }
 
-    // NSScanner's white space: the Unicode separators, the ASCII controls
-    // from tab to carriage return, and NEXT LINE.
+    // The white space the product's version reading skips: the Unicode
+    // separators, the ASCII controls from tab to carriage return, and NEXT
+    // LINE.
     bool isScannerWhiteSpace(gunichar c)
     {
         if ((c >= 0x09 && c <= 0x0D) || c == 0x85)

@@ -61,7 +61,8 @@ std::filesystem::path installScript(const std::filesystem::path& bundle, const s
 std::filesystem::path makeLauncherBundle(const std::filesystem::path& bundle, PlistDict info,
                                          const std::string& name = "Launcher");
 
-// Sets the modification time of `path` itself (seconds since the epoch).
+// Sets the modification time of `path`, behind any symbolic link (seconds
+// since the epoch).
 void setModificationTime(const std::filesystem::path& path, int64_t secondsSinceEpoch);
 
 // One installed copy of the main application.

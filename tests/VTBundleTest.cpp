@@ -66,18 +66,6 @@ TEST(VTBundle, ReadsABinaryInfoPlist)
     EXPECT_EQ(bundle->bundleIdentifier(), "com.example.binary");
 }
 
-TEST(VTBundle, NamesNoExecutableOrIdentifierThatIsNotAString)
-{
-    TempDir dir;
-    for (const vt::PlistValue& name : { vt::PlistValue(""), vt::PlistValue(3), vt::PlistValue(PlistArray { "x" }) }) {
-        vt::test::writeInfoPlist(dir / "B.app", { { "CFBundleExecutable", name }, { "CFBundleIdentifier", 1 } });
-        auto bundle = VTBundle::bundleWithPath(dir / "B.app");
-        ASSERT_TRUE(bundle);
-        EXPECT_EQ(bundle->executablePath(), std::nullopt);
-        EXPECT_EQ(bundle->bundleIdentifier(), std::nullopt);
-    }
-}
-
 TEST(VTBundle, IsNoBundleWithoutAnInformationDictionary)
 {
     TempDir dir;
@@ -111,12 +99,14 @@ TEST(VTBundle, IsNoBundleWhenTheInformationFileCannotBeRead)
 TEST(VTBundle, SeesABundleReplacedOnDisk)
 {
     TempDir dir;
-    vt::test::writeInfoPlist(dir / "B.app", { { "CFBundleIdentifier", "com.example.old" }, { "CFBundleVersion", "1.0.0" } });
+    vt::test::writeInfoPlist(dir / "B.app",
+                             { { "CFBundleIdentifier", "com.example.old" }, { "CFBundleVersion", "1.0.0" } });
     auto before = VTBundle::bundleWithPath(dir / "B.app");
     ASSERT_TRUE(before);
 
     // Replaced the way an installer does it: a new directory moved into place.
-    vt::test::writeInfoPlist(dir / "New.app", { { "CFBundleIdentifier", "com.example.new" }, { "CFBundleVersion", "2.0.0" } });
+    vt::test::writeInfoPlist(dir / "New.app",
+                             { { "CFBundleIdentifier", "com.example.new" }, { "CFBundleVersion", "2.0.0" } });
     std::filesystem::remove_all(dir / "B.app");
     std::filesystem::rename(dir / "New.app", dir / "B.app");
 
@@ -157,7 +147,8 @@ TEST(MainBundle, IsFoundFromTheExecutablePathAsInvoked)
 TEST(MainBundle, ABareNameIsLookedUpThroughTheRunningExecutable)
 {
     TempDir dir;
-    std::filesystem::path probe = vt::test::installExecutable(dir / "P.app", "probe", VT_FIXTURES_DIR "/vt-workspace-probe");
+    std::filesystem::path probe
+        = vt::test::installExecutable(dir / "P.app", "probe", VT_FIXTURES_DIR "/vt-workspace-probe");
     // Started by PATH lookup, as a shell does: argv[0] has no slash.
     vt::test::TestProcess process({ "/bin/bash", "-c", "exec -a probe \"$0\" \"$1\" main-bundle", probe.string(),
                                     (dir / "result").string() },

@@ -76,7 +76,8 @@ protected:
     {
         auto process = std::make_unique<TestProcess>(
             std::vector<std::string> { (bundle / "Contents/MacOS/Vantor").string() },
-            environmentWith({ { "DBUS_SESSION_BUS_ADDRESS", bus->address() }, { "VT_STANDIN_RECORD", record.string() } }));
+            environmentWith({ { "DBUS_SESSION_BUS_ADDRESS", bus->address() },
+                              { "VT_STANDIN_RECORD", record.string() } }));
         EXPECT_TRUE(waitUntil([this] { return readLines(record).size() >= 2; }));
         EXPECT_EQ(readLines(record).back(), "activate");
         return process;
