@@ -1,5 +1,7 @@
 #include "app/VTFBHelperDelegate.hpp"
 
+#include <unistd.h>
+
 #include "app/VTFBHelperApp.hpp"
 #include "loader/WineLoader.hpp"
 #include "shell/NotificationCenter.hpp"
@@ -145,19 +147,51 @@ void VTFBHelperDelegate::formatMenuItemsWithBundleName(Menu& menu)
 
 void VTFBHelperDelegate::applicationDidFinishLaunching() {}
 
+void VTFBHelperDelegate::activateMainApplication()
+{
+    VT_activateRunningAppWithBundleIdentifier(kVantorBundleIdentifier);
+}
+
 TerminateReply VTFBHelperDelegate::applicationShouldTerminate(Application&)
 {
+    // Once Wine runs inside the launcher, its own controller decides.
     if (const vt_wine_controller* controller = m_application.wineController()) {
         if (controller->should_terminate)
             return static_cast<TerminateReply>(controller->should_terminate(controller->context));
     }
     if (m_taskArray.empty())
         return TerminateReply::Now;
-    return TerminateReply::Cancel;
+
+    activateMainApplication();
+    // A Windows-style end of session: the program may refuse, and nothing is
+    // ever killed, so the user's unsaved work survives a refused quit.
+    TerminateReply reply = TerminateReply::Cancel;
+    if (sendMessageToTaggedWindows("close")) {
+        if (sendMessageToTaggedWindows("queryendsession")) {
+            sendMessageToTaggedWindows("endsession");
+            sendMessageToTaggedWindows("shutdown");
+            reply = TerminateReply::Now;
+        } else {
+            sendMessageToTaggedWindows("endsessioncancel");
+        }
+    }
+    m_application.hide();
+    return reply;
 }
 
-void VTFBHelperDelegate::startSendWndCmd() {}
+void VTFBHelperDelegate::applicationWillTerminate()
+{
+    NotificationCenter::defaultCenter().removeObserver(this);
+    m_application.delayedCalls().cancelAll();
+    if (!m_launchNotifySocketName.empty())
+        ::unlink(m_launchNotifySocketName.c_str());
+}
 
-void VTFBHelperDelegate::handleGetURLEvent(const std::string&) {}
+bool VTFBHelperDelegate::startLaunchNotify()
+{
+    // The launch-notify socket comes with the tray icons; until then the
+    // Windows side is not told of one.
+    return false;
+}
 
 } // namespace vt

@@ -17,6 +17,7 @@ namespace vt {
 
 class VTFBHelperApp;
 class WineLoader;
+struct Notification;
 struct TrayIconEntry;
 
 inline constexpr const char* kVantorBundleIdentifier = "com.tallowmere.Vantor";
@@ -30,7 +31,35 @@ public:
     // Start-up: runs before the first opening event, blocking the main loop.
     void applicationWillFinishLaunching() override;
     void applicationDidFinishLaunching() override;
+
+    // Starting the Windows program.
+    bool applicationShouldOpenUntitledFile(Application& application) override;
+    bool applicationOpenUntitledFile(Application& application) override;
+    void openFiles(Application& application, const std::vector<std::string>& paths) override;
+    void handleGetURLEvent(const std::string& url);
+    bool applicationShouldHandleReopen(Application& application, bool hasVisibleWindows) override;
+
+    // A new, not yet launched process for the Windows program's bottle, with
+    // the environment that leads the Windows side back to this launcher and
+    // the exit observer; null when none can be made.
+    std::unique_ptr<VTTask> createWineTaskWithLaunchPath(const std::optional<std::string>& launchPath,
+                                                         const std::optional<std::vector<std::string>>& arguments);
+    void wineAppExited(const Notification& notification);
+    // Runs on the loader's connection thread.
+    void wineLoaderRejectedRequestForWrongArchitecture(const Notification& notification);
+
+    // Activation and the window commands.
+    void applicationDidBecomeActive() override;
+    // Sends one command to the windows tagged with this launcher's tag;
+    // true when the window-command tool confirms it.
+    bool sendMessageToTaggedWindows(const std::string& text);
+
+    // Quitting: an end of session with the Windows program, never a kill.
     TerminateReply applicationShouldTerminate(Application& application) override;
+    void applicationWillTerminate() override;
+
+    // Sets up the launch-notify socket on first use; answers whether it is usable.
+    bool startLaunchNotify();
 
     // Replaces every "%@" in the titles of `menu`, at every depth, with the
     // bundle's name. Separators are left alone.
@@ -39,8 +68,6 @@ public:
     // The window-command channel; starts the tool that answers window commands.
     void startSendWndCmd();
 
-    // A URL opened with the launcher.
-    void handleGetURLEvent(const std::string& url);
 
     // Read-only after start-up.
     const std::optional<std::string>& bottleName() const { return m_bottleName; }
@@ -50,8 +77,14 @@ public:
     const std::optional<std::string>& vtstartPath() const { return m_vtstartPath; }
     const std::optional<std::string>& winePath() const { return m_winePath; }
 
+    const std::vector<std::unique_ptr<VTTask>>& taskArray() const { return m_taskArray; }
+    const VTTask* wndCmdTask() const { return m_wndCmdTask.get(); }
+
 private:
     std::optional<std::string> infoString(const char* key) const;
+    // Launches a task and keeps it in taskArray; false when it cannot run.
+    bool launchAndTrack(std::unique_ptr<VTTask> task);
+    void activateMainApplication();
     bool connectToHelperServer();
     bool waitForBottle();
     void findProductTools();
@@ -76,6 +109,8 @@ private:
     std::vector<std::unique_ptr<VTTask>> m_taskArray;
     std::unique_ptr<VTTask> m_wndCmdTask;
     std::unique_ptr<WineLoader> m_wineLoader;
+    // Identifies window commands; only grows.
+    int32_t m_commandID = 0;
 };
 
 } // namespace vt

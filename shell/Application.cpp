@@ -338,6 +338,10 @@ void Application::onActivate(GApplication*, gpointer data) noexcept
 
 int Application::run(int argc, char** argv)
 {
+    // A window-command tool that has gone away must show up as a failed
+    // write, not end the launcher.
+    signal(SIGPIPE, SIG_IGN);
+
     std::vector<std::string> arguments(argv + std::min(argc, 1), argv + argc);
     if (auto bundlePath = VTBundle::mainBundlePathFromExecutable(argc > 0 ? argv[0] : nullptr))
         setMainBundle(VTBundle::bundleWithPath(*bundlePath));

@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "shell/MainLoop.hpp"
 #include "shell/Menu.hpp"
 #include "shell/glib_glue.hpp"
 
@@ -115,6 +116,9 @@ public:
 
     Menu& mainMenu() { return m_mainMenu; }
 
+    // Calls scheduled with the application as their target.
+    DelayedCalls& delayedCalls() { return m_delayedCalls; }
+
     // Launching: will-finish-launching, the opening events, did-finish-
     // launching, then one activation. Tests drive it without a command line.
     void finishLaunching(const std::vector<Event>& openingEvents);
@@ -141,6 +145,7 @@ private:
     std::function<void(const std::string&)> m_getURLHandler;
     std::unique_ptr<VTBundle> m_mainBundle;
     Menu m_mainMenu;
+    DelayedCalls m_delayedCalls;
     GPtr<GApplication> m_gapplication;
     GPtr<GMainLoop> m_loop;
     std::unique_ptr<QuitSignals> m_quitSignals;

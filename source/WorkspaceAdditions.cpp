@@ -372,6 +372,13 @@ std::optional<std::filesystem::path> VT_absolutePathForAppBundleWithIdentifier(
     return bundleOfDesktopEntry(*bundleIdentifier);
 }
 
+bool VT_activateRunningAppWithBundleIdentifier(const std::string& bundleIdentifier)
+{
+    if (!VT_findRunningAppBundleWithIdentifier(bundleIdentifier))
+        return false;
+    return deliverToRunningCopy({}, bundleIdentifier, 0);
+}
+
 bool VT_launchAppWithBundleIdentifier(const std::optional<std::string>& bundleIdentifier,
                                       const std::optional<std::string>& scheme, uint32_t options)
 {

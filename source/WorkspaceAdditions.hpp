@@ -63,6 +63,10 @@ bool VT_launchAppWithBundleIdentifier(const std::optional<std::string>& bundleId
 bool VT_openURLs(const std::vector<std::string>& urls, const std::optional<std::string>& bundleIdentifier,
                  const std::optional<std::string>& scheme, uint32_t options);
 
+// Brings the running copy with this identifier to the front
+// (org.freedesktop.Application.Activate); false when none runs.
+bool VT_activateRunningAppWithBundleIdentifier(const std::string& bundleIdentifier);
+
 namespace detail {
     // The major and minor numbers of a bundle version that reads, from its
     // start, as <integer> "." <integer> "." (white space before each piece

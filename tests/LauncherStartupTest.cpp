@@ -149,3 +149,16 @@ TEST(LauncherStartup, SecondLaunchIsHandedToTheFirst)
     first->signal(SIGTERM);
     EXPECT_EQ(first->waitForExit(), 0);
 }
+
+TEST(LauncherStartup, QuitActionOnTheBusEndsIt)
+{
+    LauncherHarness h;
+    h.startHelperServer();
+    auto launcher = h.startLauncher();
+    ASSERT_TRUE(h.waitForLog(kStartupDone));
+    TestProcess quit({ "/usr/bin/gdbus", "call", "--session", "--dest", "com.example.Notepad", "--object-path",
+                       "/com/example/Notepad", "--method", "org.gtk.Actions.Activate", "quit", "[]", "{}" },
+                     h.environment());
+    EXPECT_EQ(launcher->waitForExit(), 0);
+    EXPECT_TRUE(h.waitForLog("event: quit-request"));
+}
