@@ -9,6 +9,7 @@
 #include "app/VTFBHelperDelegate.hpp"
 #include "integration/TrayIconEntry.hpp"
 #include "shell/NotificationCenter.hpp"
+#include "shell/posix_glue.hpp"
 #include "source/PlatformLog.hpp"
 #include "source/VTLog.hpp"
 #include "source/WorkspaceAdditions.hpp"
@@ -18,23 +19,6 @@ namespace vt {
 using namespace std::chrono_literals;
 
 namespace {
-    bool writeAll(int fd, const std::string& bytes)
-    {
-        const char* p = bytes.data();
-        size_t left = bytes.size();
-        while (left > 0) {
-            ssize_t n = ::write(fd, p, left);
-            if (n < 0) {
-                if (errno == EINTR)
-                    continue;
-                return false;
-            }
-            p += n;
-            left -= static_cast<size_t>(n);
-        }
-        return true;
-    }
-
     // One read, waiting without limit for some bytes or the end.
     std::string readOnce(int fd)
     {
@@ -86,7 +70,7 @@ bool VTFBHelperDelegate::sendMessageToTaggedWindows(const std::string& text)
     std::string identifier = formatMessage("helperDelegateCommand%d", m_commandID++);
     std::string request = formatMessage("-t %d -c %@ -a %@\n", static_cast<int>(getpid()), identifier, text);
     // A failed write (the tool has gone) shows up as a missing answer below.
-    writeAll(m_wndCmdTask->standardInputWriter().get(), request);
+    writeAll(m_wndCmdTask->standardInputWriter().get(), request.data(), request.size());
 
     // Commands go strictly one at a time, so one read is the whole answer;
     // anything split or doubled is a mismatch.

@@ -44,4 +44,22 @@ private:
     int m_fd = -1;
 };
 
+// Writes all of `length` bytes, going on after interruptions and partial
+// writes; false (with errno set) when a write fails.
+inline bool writeAll(int fd, const void* bytes, size_t length)
+{
+    const char* p = static_cast<const char*>(bytes);
+    while (length > 0) {
+        ssize_t n = ::write(fd, p, length);
+        if (n < 0) {
+            if (errno == EINTR)
+                continue;
+            return false;
+        }
+        p += n;
+        length -= static_cast<size_t>(n);
+    }
+    return true;
+}
+
 } // namespace vt

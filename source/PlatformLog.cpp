@@ -1,5 +1,7 @@
 #include "source/PlatformLog.hpp"
 
+#include "shell/posix_glue.hpp"
+
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -70,18 +72,7 @@ void writeLogLine(std::string_view message)
         line += '\n';
 
     int saved = errno;
-    const char* p = line.data();
-    size_t left = line.size();
-    while (left > 0) {
-        ssize_t n = ::write(STDERR_FILENO, p, left);
-        if (n < 0) {
-            if (errno == EINTR)
-                continue;
-            break;
-        }
-        p += n;
-        left -= static_cast<size_t>(n);
-    }
+    writeAll(STDERR_FILENO, line.data(), line.size());
     errno = saved;
 }
 

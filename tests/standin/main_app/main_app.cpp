@@ -2,6 +2,9 @@
 // id that records what it is asked to do and stays up until SIGTERM, SIGINT
 // or SIGHUP.
 //
+// Helper server: with VT_STANDIN_SERVE_HELPER set (non-empty) it also serves
+// the helper server on its bus connection, as the real one does.
+//
 // Record: when VT_STANDIN_RECORD names a file, one line per event is
 // appended to it (each line in one write, so several instances never mix
 // their lines):
@@ -17,7 +20,10 @@
 #include <glib-unix.h>
 #include <unistd.h>
 
+#include <memory>
+
 #include "shell/glib_glue.hpp"
+#include "tests/standin/helper_server/HelperServerStandIn.hpp"
 
 namespace {
 
@@ -37,10 +43,25 @@ void record(const std::string& line)
     close(fd);
 }
 
+// The real main application hosts the helper server; with
+// VT_STANDIN_SERVE_HELPER set the stand-in does too, configured by the same
+// VT_STANDIN_* variables as the standalone server.
+std::unique_ptr<vt::standin::HelperServerStandIn> helperServer;
+
 void onStartup(GApplication* app, gpointer) noexcept
 {
     // Lives until a quit signal, like the real main application.
     g_application_hold(app);
+    const char* serve = std::getenv("VT_STANDIN_SERVE_HELPER");
+    GDBusConnection* bus = g_application_get_dbus_connection(app);
+    if (!serve || !*serve || !bus)
+        return;
+    try {
+        helperServer = std::make_unique<vt::standin::HelperServerStandIn>(
+            bus, vt::standin::HelperServerSettings::fromEnvironment());
+    } catch (const std::exception& e) {
+        g_printerr("vt-standin-main-app: cannot serve the helper server: %s\n", e.what());
+    }
 }
 
 void onActivate(GApplication*, gpointer) noexcept { record("activate"); }
@@ -83,5 +104,7 @@ int main(int argc, char** argv)
     record(started);
 
     vt::GPtr<GApplication> app = makeMainApplication();
-    return g_application_run(app.get(), argc, argv);
+    int status = g_application_run(app.get(), argc, argv);
+    helperServer.reset();
+    return status;
 }
