@@ -35,9 +35,9 @@ VTFBHelperDelegate::VTFBHelperDelegate(VTFBHelperApp& application) : m_applicati
 
 VTFBHelperDelegate::~VTFBHelperDelegate()
 {
-    if (m_wineLoader)
-        NotificationCenter::defaultCenter().removeObserver(this, WineLoaderRejectedRequestForWrongArchitectureNotification,
-                                                           m_wineLoader.get());
+    // The loader's notification and every task's end: nothing may reach a
+    // delegate that is gone.
+    NotificationCenter::defaultCenter().removeObserver(this);
 }
 
 std::optional<std::string> VTFBHelperDelegate::infoString(const char* key) const

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <memory>
+#include <initializer_list>
 #include <optional>
 #include <string>
 #include <vector>
@@ -81,6 +82,10 @@ public:
     const VTTask* wndCmdTask() const { return m_wndCmdTask.get(); }
 
 private:
+    // An argument list that ends at its first missing element, as the
+    // product's tools expect when the bundle lacks a key.
+    static std::vector<std::string> argumentsUpToFirstMissing(
+        std::initializer_list<std::optional<std::string>> elements);
     std::optional<std::string> infoString(const char* key) const;
     // Launches a task and keeps it in taskArray; false when it cannot run.
     bool launchAndTrack(std::unique_ptr<VTTask> task);

@@ -19,19 +19,6 @@
 namespace vt {
 
 namespace {
-    // An argument list that ends at its first missing element, as the
-    // product's tools expect when a bundle lacks a key.
-    std::vector<std::string> argumentsUpToFirstMissing(std::initializer_list<std::optional<std::string>> elements)
-    {
-        std::vector<std::string> arguments;
-        for (const auto& element : elements) {
-            if (!element)
-                break;
-            arguments.push_back(*element);
-        }
-        return arguments;
-    }
-
     // The text after the last dot of the last path component.
     std::optional<std::string> pathExtension(const std::string& path)
     {
@@ -50,6 +37,18 @@ namespace {
         return text;
     }
 } // namespace
+
+std::vector<std::string> VTFBHelperDelegate::argumentsUpToFirstMissing(
+    std::initializer_list<std::optional<std::string>> elements)
+{
+    std::vector<std::string> arguments;
+    for (const auto& element : elements) {
+        if (!element)
+            break;
+        arguments.push_back(*element);
+    }
+    return arguments;
+}
 
 std::unique_ptr<VTTask> VTFBHelperDelegate::createWineTaskWithLaunchPath(
     const std::optional<std::string>& launchPath, const std::optional<std::vector<std::string>>& arguments)

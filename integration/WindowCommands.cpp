@@ -42,11 +42,9 @@ namespace {
 void VTFBHelperDelegate::startSendWndCmd()
 {
     m_wndCmdTask.reset();
-    auto arguments = std::vector<std::string> { "--bottle" };
-    if (m_bottleName) {
-        arguments.insert(arguments.end(), { *m_bottleName, "--wl-app", "sendwndcmd", "-n", "-e", "explorer;apprunner" });
-    }
-    m_wndCmdTask = createWineTaskWithLaunchPath(m_winePath, arguments);
+    m_wndCmdTask = createWineTaskWithLaunchPath(
+        m_winePath,
+        argumentsUpToFirstMissing({ "--bottle", m_bottleName, "--wl-app", "sendwndcmd", "-n", "-e", "explorer;apprunner" }));
     if (!m_wndCmdTask)
         return;
     // Pipes instead of the null device; our ends are close-on-exec, so the

@@ -297,7 +297,6 @@ void Application::finishLaunching(const std::vector<Event>& openingEvents)
     postNotification(ApplicationWillFinishLaunchingNotification);
     for (const auto& event : openingEvents)
         sendEvent(event);
-    m_launched = true;
     postNotification(ApplicationDidFinishLaunchingNotification);
     // A launch by the user makes the launcher the active application once.
     sendEvent(Event { Event::Type::Activate, {}, {} });

@@ -149,7 +149,6 @@ private:
     GPtr<GApplication> m_gapplication;
     GPtr<GMainLoop> m_loop;
     std::unique_ptr<QuitSignals> m_quitSignals;
-    bool m_launched = false;
     bool m_awaitingTerminateReply = false;
     std::optional<OpenReply> m_lastOpenReply;
 };

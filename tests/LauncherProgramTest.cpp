@@ -273,3 +273,12 @@ TEST_F(LauncherProgram, AnswersMustNameTheirCommandExactly)
     h.startLauncher()->waitForExit();
     EXPECT_TRUE(h.waitForLog("unhide without activation"));
 }
+
+TEST_F(LauncherProgram, AMissingMenuPathEndsTheArgumentListThere)
+{
+    h.launcherInfo.erase("VantorHelperMenuPath");
+    startServer();
+    auto launcher = launch();
+    EXPECT_EQ(tools.records("vtmenu").at(0).arguments(),
+              (Strings { "--bottle", "Office", "--wait-children", "--enable-alt-loader", "macdrv", "--start" }));
+}
