@@ -5,8 +5,8 @@
 #include <cstdio>
 #include <iostream>
 
-#include "tests/LauncherHarness.hpp"
-#include "tests/StandinTools.hpp"
+#include "standin/kit/LauncherHarness.hpp"
+#include "standin/kit/StandinTools.hpp"
 
 using namespace std::chrono_literals;
 using namespace vt::test;

@@ -7,7 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "shell/HelperServerClient.hpp"
-#include "tests/TestSupport.hpp"
+#include "standin/kit/TestSupport.hpp"
 
 using namespace std::chrono_literals;
 using vt::HelperServerClient;

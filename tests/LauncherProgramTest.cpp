@@ -6,8 +6,8 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/LauncherHarness.hpp"
-#include "tests/StandinTools.hpp"
+#include "standin/kit/LauncherHarness.hpp"
+#include "standin/kit/StandinTools.hpp"
 
 using namespace std::chrono_literals;
 using namespace vt::test;

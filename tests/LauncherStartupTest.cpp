@@ -5,7 +5,7 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/LauncherHarness.hpp"
+#include "standin/kit/LauncherHarness.hpp"
 
 using namespace std::chrono_literals;
 using namespace vt::test;

@@ -6,7 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "source/VTLog.hpp"
-#include "tests/TestSupport.hpp"
+#include "standin/kit/TestSupport.hpp"
 
 using vt::test::ScopedEnvironment;
 using vt::test::StderrCapture;

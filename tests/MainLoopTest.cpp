@@ -6,7 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "shell/MainLoop.hpp"
-#include "tests/TestSupport.hpp"
+#include "standin/kit/TestSupport.hpp"
 
 using namespace std::chrono_literals;
 using vt::test::waitUntil;

@@ -4,8 +4,8 @@
 #include "app/VTFBHelperApp.hpp"
 #include "app/VTFBHelperDelegate.hpp"
 #include "source/VTBundle.hpp"
-#include "tests/Bundles.hpp"
-#include "tests/TestSupport.hpp"
+#include "standin/kit/Bundles.hpp"
+#include "standin/kit/TestSupport.hpp"
 
 using namespace vt;
 using namespace vt::test;

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/TestSupport.hpp"
+#include "standin/kit/TestSupport.hpp"
 
 using vt::PlistArray;
 using vt::PlistData;

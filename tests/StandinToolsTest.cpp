@@ -8,8 +8,8 @@
 #include <unistd.h>
 
 #include "source/VTTask.hpp"
-#include "tests/StandinTools.hpp"
-#include "tests/TestSupport.hpp"
+#include "standin/kit/StandinTools.hpp"
+#include "standin/kit/TestSupport.hpp"
 
 using vt::VTTask;
 using vt::test::StandinTools;

@@ -3,8 +3,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include "tests/Bundles.hpp"
-#include "tests/TestSupport.hpp"
+#include "standin/kit/Bundles.hpp"
+#include "standin/kit/TestSupport.hpp"
 
 using vt::PlistArray;
 using vt::PlistDict;

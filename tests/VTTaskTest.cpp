@@ -8,7 +8,7 @@
 
 #include "shell/NotificationCenter.hpp"
 #include "source/VTTask.hpp"
-#include "tests/TestSupport.hpp"
+#include "standin/kit/TestSupport.hpp"
 
 using namespace std::chrono_literals;
 using vt::VTTask;

@@ -8,8 +8,8 @@
 #include <gtest/gtest.h>
 
 #include "source/UserDefaults.hpp"
-#include "tests/Bundles.hpp"
-#include "tests/TestSupport.hpp"
+#include "standin/kit/Bundles.hpp"
+#include "standin/kit/TestSupport.hpp"
 
 using vt::PlistArray;
 using vt::PlistData;

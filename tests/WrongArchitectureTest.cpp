@@ -9,9 +9,9 @@
 #include "loader/WineLoader.hpp"
 #include "shell/NotificationCenter.hpp"
 #include "source/VTBundle.hpp"
-#include "tests/Bundles.hpp"
-#include "tests/StandinTools.hpp"
-#include "tests/TestSupport.hpp"
+#include "standin/kit/Bundles.hpp"
+#include "standin/kit/StandinTools.hpp"
+#include "standin/kit/TestSupport.hpp"
 
 using namespace vt;
 using namespace vt::test;

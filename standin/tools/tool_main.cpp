@@ -47,7 +47,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "tests/standin/tools/ToolSupport.hpp"
+#include "standin/tools/ToolSupport.hpp"
 
 extern char** environ;
 

@@ -8,7 +8,7 @@
 
 #include "shell/MainLoop.hpp"
 #include "shell/glib_glue.hpp"
-#include "tests/standin/helper_server/HelperServerStandIn.hpp"
+#include "standin/helper_server/HelperServerStandIn.hpp"
 
 int main()
 {

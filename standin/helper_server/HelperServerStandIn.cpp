@@ -1,4 +1,4 @@
-#include "tests/standin/helper_server/HelperServerStandIn.hpp"
+#include "standin/helper_server/HelperServerStandIn.hpp"
 
 #include <cerrno>
 #include <charconv>

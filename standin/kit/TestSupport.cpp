@@ -1,4 +1,4 @@
-#include "tests/TestSupport.hpp"
+#include "standin/kit/TestSupport.hpp"
 
 #include <cstdlib>
 #include <fstream>

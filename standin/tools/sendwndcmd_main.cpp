@@ -36,7 +36,7 @@
 #include <poll.h>
 #include <unistd.h>
 
-#include "tests/standin/tools/ToolSupport.hpp"
+#include "standin/tools/ToolSupport.hpp"
 
 namespace {
 

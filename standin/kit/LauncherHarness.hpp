@@ -11,8 +11,8 @@
 #include <string>
 #include <vector>
 
-#include "tests/Bundles.hpp"
-#include "tests/TestSupport.hpp"
+#include "standin/kit/Bundles.hpp"
+#include "standin/kit/TestSupport.hpp"
 
 namespace vt::test {
 

@@ -23,7 +23,7 @@
 #include <memory>
 
 #include "shell/glib_glue.hpp"
-#include "tests/standin/helper_server/HelperServerStandIn.hpp"
+#include "standin/helper_server/HelperServerStandIn.hpp"
 
 namespace {
 

@@ -1,6 +1,6 @@
 // The stand-in product's tools for end-to-end tests: vtmenu, vtstart and wine
 // installed into a main application bundle, the window-command tool that wine
-// runs, and what they all recorded (formats: tests/standin/tools/*.cpp).
+// runs, and what they all recorded (formats: standin/tools/*.cpp).
 //
 // Typical use with the launcher harness:
 //

@@ -1,4 +1,4 @@
-#include "tests/StandinTools.hpp"
+#include "standin/kit/StandinTools.hpp"
 
 #include <algorithm>
 #include <cerrno>
@@ -7,7 +7,7 @@
 #include <sstream>
 #include <stdexcept>
 
-#include "tests/TestSupport.hpp"
+#include "standin/kit/TestSupport.hpp"
 
 namespace vt::test {
 

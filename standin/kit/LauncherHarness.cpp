@@ -1,4 +1,4 @@
-#include "tests/LauncherHarness.hpp"
+#include "standin/kit/LauncherHarness.hpp"
 
 #include <ctime>
 #include <sstream>

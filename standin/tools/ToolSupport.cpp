@@ -1,4 +1,4 @@
-#include "tests/standin/tools/ToolSupport.hpp"
+#include "standin/tools/ToolSupport.hpp"
 
 #include <cerrno>
 #include <cstdio>

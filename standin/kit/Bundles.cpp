@@ -1,4 +1,4 @@
-#include "tests/Bundles.hpp"
+#include "standin/kit/Bundles.hpp"
 
 #include <cerrno>
 #include <csignal>
@@ -10,7 +10,7 @@
 #include <sys/stat.h>
 
 #include "shell/glib_glue.hpp"
-#include "tests/TestSupport.hpp"
+#include "standin/kit/TestSupport.hpp"
 
 namespace vt::test {
 
