@@ -3,6 +3,7 @@
 // activation and the end of session.
 #include <csignal>
 #include <set>
+#include <sstream>
 
 #include <gtest/gtest.h>
 
@@ -130,31 +131,36 @@ TEST_F(LauncherProgram, ASecondClickRaisesTheWindowsInsteadOfStartingAgain)
     startServer();
     tools.setAnswer("haswindows", "1");
     auto launcher = launch();
-    ASSERT_TRUE(tools.waitForCommands(1));
-    ASSERT_TRUE(waitUntil([&] { return h.bus.hasOwner(MainAppIdentifier); }));
-    auto activations = [&] {
-        auto record = readLines(h.mainAppRecord());
-        return std::count(record.begin(), record.end(), "activate");
+    auto count = [](const Strings& lines, const std::string& text) {
+        return std::count_if(lines.begin(), lines.end(), [&](const std::string& l) { return l.ends_with(text); });
     };
+    auto unhides = [&] {
+        std::istringstream log(h.launcherLog());
+        Strings lines;
+        for (std::string line; std::getline(log, line);)
+            lines.push_back(line);
+        return count(lines, "unhide without activation");
+    };
+    auto activations = [&] { return count(readLines(h.mainAppRecord()), "activate"); };
+    // The launch's own activation has run its course, and the main
+    // application is up.
+    ASSERT_TRUE(waitUntil([&] { return unhides() == 1 && h.bus.hasOwner(MainAppIdentifier); }));
     auto before = activations();
 
     auto again = h.startLauncher();
     EXPECT_EQ(again->waitForExit(), 0);
-    ASSERT_TRUE(tools.waitForCommands(2));
+    ASSERT_TRUE(waitUntil([&] { return unhides() == 2; }));
     EXPECT_EQ(tools.records("vtmenu").size(), 1u) << "no second copy of the program";
+    // With windows to show, the main application comes forward and the
+    // launcher steps back.
+    EXPECT_EQ(activations(), before + 1);
 
     std::string tag = std::to_string(launcher->pid());
     auto requests = tools.commands();
+    ASSERT_EQ(requests.size(), 2u);
     EXPECT_EQ(requests[0], "-t " + tag + " -c helperDelegateCommand0 -a haswindows\n");
     EXPECT_EQ(requests[1], "-t " + tag + " -c helperDelegateCommand1 -a haswindows\n");
-    auto server = readLines(h.serverRecord());
-    EXPECT_EQ(std::count_if(server.begin(), server.end(),
-                            [&](const std::string& line) { return line.ends_with(" RaiseWindowsWithTag " + tag); }),
-              2);
-    // With windows to show, the main application comes forward and the
-    // launcher steps back.
-    EXPECT_TRUE(waitUntil([&] { return activations() == before + 1; }));
-    EXPECT_TRUE(h.waitForLog("unhide without activation"));
+    EXPECT_TRUE(waitUntil([&] { return count(readLines(h.serverRecord()), " RaiseWindowsWithTag " + tag) == 2; }));
 }
 
 TEST_F(LauncherProgram, QuitWhileTheProgramAgreesEndsTheSessionAndExits)
