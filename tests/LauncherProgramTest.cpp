@@ -48,6 +48,13 @@ protected:
         return launcher;
     }
 
+    // How often the main application was brought to the front.
+    long mainAppActivations() const
+    {
+        auto record = readLines(h.mainAppRecord());
+        return std::count(record.begin(), record.end(), "activate");
+    }
+
     Strings commandsAfter(size_t skip) const
     {
         Strings texts = tools.commandTexts();
@@ -141,11 +148,10 @@ TEST_F(LauncherProgram, ASecondClickRaisesTheWindowsInsteadOfStartingAgain)
             lines.push_back(line);
         return count(lines, "unhide without activation");
     };
-    auto activations = [&] { return count(readLines(h.mainAppRecord()), "activate"); };
     // The launch's own activation has run its course, and the main
     // application is up.
     ASSERT_TRUE(waitUntil([&] { return unhides() == 1 && h.bus.hasOwner(MainAppIdentifier); }));
-    auto before = activations();
+    auto before = mainAppActivations();
 
     auto again = h.startLauncher();
     EXPECT_EQ(again->waitForExit(), 0);
@@ -153,7 +159,7 @@ TEST_F(LauncherProgram, ASecondClickRaisesTheWindowsInsteadOfStartingAgain)
     EXPECT_EQ(tools.records("vtmenu").size(), 1u) << "no second copy of the program";
     // With windows to show, the main application comes forward and the
     // launcher steps back.
-    EXPECT_EQ(activations(), before + 1);
+    EXPECT_EQ(mainAppActivations(), before + 1);
 
     std::string tag = std::to_string(launcher->pid());
     auto requests = tools.commands();
@@ -185,16 +191,12 @@ TEST_F(LauncherProgram, QuitActivatesTheMainApplicationBeforeAskingTheWindows)
     tools.setAnswer("close", "silent");
     auto launcher = launch();
     ASSERT_TRUE(tools.waitForCommands(1));
-    auto activations = [&] {
-        auto record = readLines(h.mainAppRecord());
-        return std::count(record.begin(), record.end(), "activate");
-    };
-    EXPECT_EQ(activations(), 0);
+    EXPECT_EQ(mainAppActivations(), 0);
     // The launcher started the main application in the background; once it is up...
     ASSERT_TRUE(waitUntil([&] { return h.bus.hasOwner(MainAppIdentifier); }));
     launcher->signal(SIGTERM);
     ASSERT_TRUE(tools.waitForCommands(2));
-    EXPECT_EQ(activations(), 1) << testing::PrintToString(readLines(h.mainAppRecord())) << h.launcherLog();
+    EXPECT_EQ(mainAppActivations(), 1) << testing::PrintToString(readLines(h.mainAppRecord())) << h.launcherLog();
 }
 
 TEST_F(LauncherProgram, QuitRefusedByTheProgramKeepsEverythingRunning)
