@@ -1,8 +1,8 @@
 #include "app/VTFBHelperApp.hpp"
 
 #include "app/VTFBHelperDelegate.hpp"
-#include "shell/NotificationCenter.hpp"
-#include "source/PlatformLog.hpp"
+#include "base/NotificationCenter.hpp"
+#include "base/PlatformLog.hpp"
 
 namespace vt {
 

@@ -4,10 +4,10 @@
 
 #include "app/VTFBHelperApp.hpp"
 #include "loader/WineLoader.hpp"
-#include "shell/NotificationCenter.hpp"
-#include "source/PlatformLog.hpp"
+#include "base/NotificationCenter.hpp"
+#include "base/PlatformLog.hpp"
 #include "source/VTBundle.hpp"
-#include "source/VTLog.hpp"
+#include "base/VTLog.hpp"
 #include "source/WorkspaceAdditions.hpp"
 
 namespace vt {
@@ -16,9 +16,9 @@ using namespace std::chrono_literals;
 
 namespace {
     constexpr int kHelperServerAttempts = 10;
-    // Launch flags for the main application: don't bring it to the front
-    // (0x200) and don't add it to the recent items (0x100).
-    constexpr uint32_t kLaunchInBackground = 0x300;
+    // The main application comes up behind the user's windows and stays out
+    // of the recent items.
+    constexpr uint32_t kLaunchInBackground = kLaunchDontSwitch | kLaunchDontAddToRecents;
 
     void replaceAll(std::string& text, std::string_view pattern, const std::string& replacement)
     {

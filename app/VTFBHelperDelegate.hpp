@@ -13,6 +13,7 @@
 #include "shell/Application.hpp"
 #include "shell/HelperServerClient.hpp"
 #include "source/VTTask.hpp"
+#include "source/VantorNames.hpp"
 
 namespace vt {
 
@@ -21,8 +22,6 @@ class WineLoader;
 struct Notification;
 struct TrayIconEntry;
 
-inline constexpr const char* kVantorBundleIdentifier = "com.tallowmere.Vantor";
-inline constexpr const char* kVantorURLScheme = "com.tallowmere.private-Vantor-app-scheme";
 
 class VTFBHelperDelegate : public ApplicationDelegate {
 public:

@@ -10,11 +10,11 @@
 #include "app/VTFBHelperApp.hpp"
 #include "app/VTFBHelperDelegate.hpp"
 #include "loader/WineLoader.hpp"
-#include "shell/NotificationCenter.hpp"
-#include "source/PlatformLog.hpp"
+#include "base/NotificationCenter.hpp"
+#include "base/PlatformLog.hpp"
 #include "source/UserDefaults.hpp"
 #include "source/VTBundle.hpp"
-#include "source/VTLog.hpp"
+#include "base/VTLog.hpp"
 
 namespace vt {
 

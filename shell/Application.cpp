@@ -9,11 +9,11 @@
 
 #include <unistd.h>
 
-#include "shell/MainLoop.hpp"
-#include "shell/NotificationCenter.hpp"
-#include "source/PlatformLog.hpp"
+#include "base/MainLoop.hpp"
+#include "base/NotificationCenter.hpp"
+#include "base/PlatformLog.hpp"
 #include "source/VTBundle.hpp"
-#include "source/VTLog.hpp"
+#include "base/VTLog.hpp"
 
 namespace vt {
 

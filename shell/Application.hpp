@@ -17,9 +17,9 @@
 #include <string>
 #include <vector>
 
-#include "shell/MainLoop.hpp"
+#include "base/MainLoop.hpp"
 #include "shell/Menu.hpp"
-#include "shell/glib_glue.hpp"
+#include "base/glib_glue.hpp"
 
 namespace vt {
 

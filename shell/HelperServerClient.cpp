@@ -1,6 +1,6 @@
 #include "shell/HelperServerClient.hpp"
 
-#include "source/VTLog.hpp"
+#include "base/VTLog.hpp"
 
 namespace vt {
 
@@ -16,7 +16,7 @@ std::unique_ptr<HelperServerClient> HelperServerClient::lookUp()
     // us, because the main application brings up its own.
     GPtr<GVariant> reply = adopt(g_dbus_connection_call_sync(
         connection.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
-        "NameHasOwner", g_variant_new("(s)", HelperServerBusName), G_VARIANT_TYPE("(b)"),
+        "NameHasOwner", g_variant_new("(s)", kHelperServerBusName), G_VARIANT_TYPE("(b)"),
         G_DBUS_CALL_FLAGS_NO_AUTO_START, -1, nullptr, error));
     if (!reply) {
         VTLog("could not ask the session bus for the helper server: %@", error.message());
@@ -41,7 +41,7 @@ GPtr<GVariant> HelperServerClient::call(const char* method, GVariant* parameters
     // server that the main application restarts is still the helper server.
     GErrorHolder error;
     GPtr<GVariant> reply = adopt(g_dbus_connection_call_sync(
-        m_connection.get(), HelperServerBusName, HelperServerObjectPath, HelperServerInterface, method,
+        m_connection.get(), kHelperServerBusName, kHelperServerObjectPath, kHelperServerInterface, method,
         parameters, replyType, G_DBUS_CALL_FLAGS_NO_AUTO_START, -1, nullptr, error));
     if (!reply)
         throw HelperServerError(std::string(method) + ": " + error.message());
@@ -86,7 +86,7 @@ bool HelperServerClient::isServerReadyForBottle(const std::string& bottleName)
 void HelperServerClient::raiseWindowsWithTag(int64_t tag)
 {
     GPtr<GDBusMessage> message = adopt(g_dbus_message_new_method_call(
-        HelperServerBusName, HelperServerObjectPath, HelperServerInterface, "RaiseWindowsWithTag"));
+        kHelperServerBusName, kHelperServerObjectPath, kHelperServerInterface, "RaiseWindowsWithTag"));
     g_dbus_message_set_body(message.get(), g_variant_new("(x)", static_cast<gint64>(tag)));
     g_dbus_message_set_flags(message.get(), static_cast<GDBusMessageFlags>(G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED
                                                                            | G_DBUS_MESSAGE_FLAGS_NO_AUTO_START));

@@ -13,13 +13,13 @@
 #include <stdexcept>
 #include <string>
 
-#include "shell/glib_glue.hpp"
+#include "base/glib_glue.hpp"
 
 namespace vt {
 
-inline constexpr const char* HelperServerBusName = "com.tallowmere.Vantor.HelperServer";
-inline constexpr const char* HelperServerObjectPath = "/com/tallowmere/Vantor/HelperServer";
-inline constexpr const char* HelperServerInterface = "com.tallowmere.Vantor.HelperServer";
+inline constexpr const char* kHelperServerBusName = "com.tallowmere.Vantor.HelperServer";
+inline constexpr const char* kHelperServerObjectPath = "/com/tallowmere/Vantor/HelperServer";
+inline constexpr const char* kHelperServerInterface = "com.tallowmere.Vantor.HelperServer";
 
 // A call that the bus or the server refused, or a server that went away in
 // the middle of it. The message names the method and carries the D-Bus error.

@@ -1,7 +1,7 @@
 #include "shell/Menu.hpp"
 
 #include "source/PropertyList.hpp"
-#include "source/VTLog.hpp"
+#include "base/VTLog.hpp"
 
 namespace vt {
 

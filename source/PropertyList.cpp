@@ -11,7 +11,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "shell/posix_glue.hpp"
+#include "base/posix_glue.hpp"
 
 namespace vt {
 

@@ -1,5 +1,7 @@
 #include "source/UserDefaults.hpp"
 
+#include "source/VantorNames.hpp"
+
 #include <cstdlib>
 #include <string>
 #include <vector>
@@ -43,7 +45,7 @@ std::filesystem::path userDefaultsPath(std::string_view domain)
 
 std::optional<PlistValue> vantorUserDefault(std::string_view key)
 {
-    auto defaults = readPropertyListFile(userDefaultsPath(VantorDefaultsDomain));
+    auto defaults = readPropertyListFile(userDefaultsPath(kVantorBundleIdentifier));
     if (!defaults)
         return std::nullopt;
     const PlistValue* value = defaults->find(key);

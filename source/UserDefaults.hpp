@@ -12,7 +12,6 @@
 
 namespace vt {
 
-inline constexpr const char* VantorDefaultsDomain = "com.tallowmere.Vantor";
 
 // Where the defaults of `domain` live: <config home>/<domain>.plist.
 std::filesystem::path userDefaultsPath(std::string_view domain);

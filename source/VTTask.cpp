@@ -9,8 +9,8 @@
 #include <spawn.h>
 #include <unistd.h>
 
-#include "shell/NotificationCenter.hpp"
-#include "shell/glib_glue.hpp"
+#include "base/NotificationCenter.hpp"
+#include "base/glib_glue.hpp"
 
 extern char** environ;
 

@@ -16,7 +16,7 @@
 
 #include <sys/types.h>
 
-#include "shell/posix_glue.hpp"
+#include "base/posix_glue.hpp"
 
 namespace vt {
 

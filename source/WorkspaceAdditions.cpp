@@ -8,8 +8,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "shell/glib_glue.hpp"
-#include "source/PlatformLog.hpp"
+#include "base/glib_glue.hpp"
+#include "base/PlatformLog.hpp"
 #include "source/VTBundle.hpp"
 
 namespace vt {
@@ -234,7 +234,7 @@ namespace {
                              parameters, nullptr)
                 != nullptr;
         }
-        if (!(options & VTLaunchDontSwitch)) {
+        if (!(options & kLaunchDontSwitch)) {
             GVariant* parameters = g_variant_new("(@a{sv})", g_variant_new_array(G_VARIANT_TYPE("{sv}"), nullptr, 0));
             bool activated = call(bus.get(), bundleIdentifier.c_str(), path.c_str(), "org.freedesktop.Application",
                                   "Activate", parameters, nullptr)

@@ -35,8 +35,8 @@ public:
 };
 
 // Launch flags, as the product passes them.
-inline constexpr uint32_t VTLaunchDontAddToRecents = 0x100;
-inline constexpr uint32_t VTLaunchDontSwitch = 0x200;
+inline constexpr uint32_t kLaunchDontAddToRecents = 0x100;
+inline constexpr uint32_t kLaunchDontSwitch = 0x200;
 
 // The bundle of the running application that owns the session-bus name
 // `bundleIdentifier`; empty when nothing owns it or its executable is not in
@@ -57,7 +57,7 @@ bool VT_launchAppWithBundleIdentifier(const std::optional<std::string>& bundleId
 
 // Opens `urls` (none: just launch) with the chosen copy. A running copy
 // receives org.freedesktop.Application.Open, then Activate unless `options`
-// has VTLaunchDontSwitch; otherwise the chosen bundle's executable is started
+// has kLaunchDontSwitch; otherwise the chosen bundle's executable is started
 // in the background with the URLs as its arguments. True when the request was
 // delivered or the copy started. Throws AssertionFailure without an identifier.
 bool VT_openURLs(const std::vector<std::string>& urls, const std::optional<std::string>& bundleIdentifier,

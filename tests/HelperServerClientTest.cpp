@@ -43,7 +43,7 @@ protected:
             std::vector<std::string> { VT_STANDIN_DIR "/vt-standin-helper-server" },
             vt::test::environmentWith(changes));
         if (waitForName) {
-            ASSERT_TRUE(waitUntil([this] { return bus.hasOwner(vt::HelperServerBusName); }));
+            ASSERT_TRUE(waitUntil([this] { return bus.hasOwner(vt::kHelperServerBusName); }));
         }
     }
 

@@ -150,7 +150,7 @@ TEST_F(LauncherProgram, ASecondClickRaisesTheWindowsInsteadOfStartingAgain)
     };
     // The launch's own activation has run its course, and the main
     // application is up.
-    ASSERT_TRUE(waitUntil([&] { return unhides() == 1 && h.bus.hasOwner(MainAppIdentifier); }));
+    ASSERT_TRUE(waitUntil([&] { return unhides() == 1 && h.bus.hasOwner(vt::kVantorBundleIdentifier); }));
     auto before = mainAppActivations();
 
     auto again = h.startLauncher();
@@ -193,7 +193,7 @@ TEST_F(LauncherProgram, QuitActivatesTheMainApplicationBeforeAskingTheWindows)
     ASSERT_TRUE(tools.waitForCommands(1));
     EXPECT_EQ(mainAppActivations(), 0);
     // The launcher started the main application in the background; once it is up...
-    ASSERT_TRUE(waitUntil([&] { return h.bus.hasOwner(MainAppIdentifier); }));
+    ASSERT_TRUE(waitUntil([&] { return h.bus.hasOwner(vt::kVantorBundleIdentifier); }));
     launcher->signal(SIGTERM);
     ASSERT_TRUE(tools.waitForCommands(2));
     EXPECT_EQ(mainAppActivations(), 1) << testing::PrintToString(readLines(h.mainAppRecord())) << h.launcherLog();

@@ -107,7 +107,7 @@ TEST(LauncherStartup, RunningCopyOfTheMainApplicationProvidesTheTools)
     h.desktop.addMainApp({ .bundle = h.dir / "Newer.app", .version = "9.0.0" });
     auto older = h.desktop.addMainApp({ .bundle = h.dir / "Older.app", .version = "3.9.1", .registersScheme = false });
     TestProcess running({ (older / "Contents/MacOS/Vantor").string() }, h.environment());
-    ASSERT_TRUE(waitUntil([&] { return h.bus.hasOwner(MainAppIdentifier); }));
+    ASSERT_TRUE(waitUntil([&] { return h.bus.hasOwner(vt::kVantorBundleIdentifier); }));
     h.startHelperServer();
 
     auto launcher = h.startLauncher();

@@ -5,7 +5,7 @@
 
 #include <gtest/gtest.h>
 
-#include "source/VTLog.hpp"
+#include "base/VTLog.hpp"
 #include "standin/kit/TestSupport.hpp"
 
 using vt::test::ScopedEnvironment;

@@ -5,7 +5,7 @@
 
 #include <gtest/gtest.h>
 
-#include "shell/MainLoop.hpp"
+#include "base/MainLoop.hpp"
 #include "standin/kit/TestSupport.hpp"
 
 using namespace std::chrono_literals;

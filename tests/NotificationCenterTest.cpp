@@ -4,7 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include "shell/NotificationCenter.hpp"
+#include "base/NotificationCenter.hpp"
 
 using vt::Notification;
 using vt::NotificationCenter;

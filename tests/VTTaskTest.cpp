@@ -6,7 +6,7 @@
 #include <fcntl.h>
 #include <sys/wait.h>
 
-#include "shell/NotificationCenter.hpp"
+#include "base/NotificationCenter.hpp"
 #include "source/VTTask.hpp"
 #include "standin/kit/TestSupport.hpp"
 

@@ -6,7 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "app/VTFBHelperApp.hpp"
-#include "shell/NotificationCenter.hpp"
+#include "base/NotificationCenter.hpp"
 #include "vtlauncher/wine_controller.h"
 
 using vt::Event;

@@ -18,8 +18,8 @@ using vt::PlistValue;
 using vt::test::Desktop;
 using vt::test::environmentWith;
 using vt::test::MainAppCopy;
-using vt::test::MainAppIdentifier;
-using vt::test::MainAppScheme;
+using vt::kVantorBundleIdentifier;
+using vt::kVantorURLScheme;
 using vt::test::readLines;
 using vt::test::TempDir;
 using vt::test::TestProcess;
@@ -61,7 +61,7 @@ protected:
         return readLines(result);
     }
 
-    std::string lookup(std::optional<std::string> scheme = MainAppScheme, const std::string& id = MainAppIdentifier)
+    std::string lookup(std::optional<std::string> scheme = vt::kVantorURLScheme, const std::string& id = vt::kVantorBundleIdentifier)
     {
         std::vector<std::string> arguments { "lookup", id };
         if (scheme)
@@ -137,7 +137,7 @@ TEST_F(MainApp, VersionsThatAreNoFullReleaseNeverWinAndTheIdentifierDecides)
     EXPECT_EQ(lookup(), "none");
 
     auto fallback = copy("Fallback.app", "2");
-    fallback.desktopId = std::string(MainAppIdentifier) + ".desktop";
+    fallback.desktopId = std::string(vt::kVantorBundleIdentifier) + ".desktop";
     fallback.registersScheme = false;
     desktop.addMainApp(fallback);
     EXPECT_EQ(lookup(), bundle("Fallback.app"));
@@ -147,10 +147,10 @@ TEST_F(MainApp, WithoutASchemeOnlyTheIdentifiersDesktopEntryCounts)
 {
     desktop.addMainApp(copy("Registered.app", "9.0.0"));
     auto named = copy("Named.app", "1.0.0");
-    named.desktopId = std::string(MainAppIdentifier) + ".desktop";
+    named.desktopId = std::string(vt::kVantorBundleIdentifier) + ".desktop";
     named.registersScheme = false;
     desktop.addMainApp(named);
-    EXPECT_EQ(lookup(MainAppScheme), bundle("Registered.app"));
+    EXPECT_EQ(lookup(vt::kVantorURLScheme), bundle("Registered.app"));
     EXPECT_EQ(lookup(std::nullopt), bundle("Named.app"));
 }
 
@@ -193,7 +193,7 @@ TEST_F(MainApp, ARunningCopyWinsOverEveryInstalledOne)
     desktop.addMainApp(running);
 
     auto process = startMainApp(running.bundle);
-    EXPECT_EQ(probe({ "running", MainAppIdentifier }), Lines { bundle("Running.app") });
+    EXPECT_EQ(probe({ "running", vt::kVantorBundleIdentifier }), Lines { bundle("Running.app") });
     EXPECT_EQ(lookup(), bundle("Running.app"));
     EXPECT_EQ(lookup(std::nullopt), bundle("Running.app"));
 
@@ -202,11 +202,11 @@ TEST_F(MainApp, ARunningCopyWinsOverEveryInstalledOne)
     std::filesystem::path executable = running.bundle / "Contents/MacOS/Vantor";
     std::filesystem::remove(executable);
     std::filesystem::copy_file(vt::test::standinMainAppBinary(), executable);
-    EXPECT_EQ(probe({ "running", MainAppIdentifier }), Lines { bundle("Running.app") });
+    EXPECT_EQ(probe({ "running", vt::kVantorBundleIdentifier }), Lines { bundle("Running.app") });
 
     process->signal(SIGTERM);
     EXPECT_TRUE(waitUntil([&] { return !process->running(); }));
-    EXPECT_EQ(probe({ "running", MainAppIdentifier }), Lines { "none" });
+    EXPECT_EQ(probe({ "running", vt::kVantorBundleIdentifier }), Lines { "none" });
     EXPECT_EQ(lookup(), bundle("Installed.app"));
 }
 
@@ -218,17 +218,17 @@ TEST_F(MainApp, ARunningCopyIsToldToOpenAndActivatedOnlyWhenAllowedToSwitch)
     std::string first = "file://" + bundle("Notepad.app");
     std::string second = "file://" + bundle("Paint.app");
 
-    EXPECT_EQ(probe({ "open", MainAppIdentifier, MainAppScheme, "0x300", first }), (Lines { "YES", "children none" }));
+    EXPECT_EQ(probe({ "open", vt::kVantorBundleIdentifier, vt::kVantorURLScheme, "0x300", first }), (Lines { "YES", "children none" }));
     expected.push_back("open " + first);
     EXPECT_EQ(readLines(record), expected);
 
-    EXPECT_EQ(probe({ "open", MainAppIdentifier, MainAppScheme, "0", second }), (Lines { "YES", "children none" }));
+    EXPECT_EQ(probe({ "open", vt::kVantorBundleIdentifier, vt::kVantorURLScheme, "0", second }), (Lines { "YES", "children none" }));
     expected.push_back("open " + second);
     expected.push_back("activate");
     EXPECT_EQ(readLines(record), expected);
 
     // Launching what already runs leaves it alone.
-    EXPECT_EQ(probe({ "launch", MainAppIdentifier, MainAppScheme, "0" }), (Lines { "YES", "children none" }));
+    EXPECT_EQ(probe({ "launch", vt::kVantorBundleIdentifier, vt::kVantorURLScheme, "0" }), (Lines { "YES", "children none" }));
     EXPECT_EQ(readLines(record), expected);
     EXPECT_TRUE(process->running());
 }
@@ -240,14 +240,14 @@ TEST_F(MainApp, TheChosenCopyIsStartedWithTheUrlsWhenNoneRuns)
     std::filesystem::path chosen = desktop.addMainApp({ .bundle = dir / "Vantor.app", .version = "4.1.0" });
     std::string url = "file://" + bundle("Notepad.app");
 
-    EXPECT_EQ(probe({ "open", MainAppIdentifier, MainAppScheme, "0x300", url },
+    EXPECT_EQ(probe({ "open", vt::kVantorBundleIdentifier, vt::kVantorURLScheme, "0x300", url },
                     { { "VT_STANDIN_RECORD", record.string() } }),
               (Lines { "YES", "children none" }));
     ASSERT_TRUE(waitUntil([this] { return readLines(record).size() >= 2; }));
     EXPECT_EQ(readLines(record), (Lines { "started " + (chosen / "Contents/MacOS/Vantor").string() + " " + url,
                                           "open " + url }));
 
-    auto pid = vt::test::busNameOwnerProcess(bus->address(), MainAppIdentifier);
+    auto pid = vt::test::busNameOwnerProcess(bus->address(), vt::kVantorBundleIdentifier);
     ASSERT_TRUE(pid);
     EXPECT_TRUE(vt::test::terminateAndWait(*pid));
 }
@@ -272,7 +272,7 @@ TEST_F(MainApp, AStartedCopyInheritsNoTokenDescriptorSignalStateOrDirectory)
     scripted.binary = dir / "record.sh";
     desktop.addMainApp(scripted);
 
-    EXPECT_EQ(probe({ "open", MainAppIdentifier, MainAppScheme, "768", "a:1", "b:2" },
+    EXPECT_EQ(probe({ "open", vt::kVantorBundleIdentifier, vt::kVantorURLScheme, "768", "a:1", "b:2" },
                     { { "DESKTOP_STARTUP_ID", "startup" }, { "XDG_ACTIVATION_TOKEN", "token" } }),
               (Lines { "YES", "children none" }));
     ASSERT_TRUE(waitUntil([&] { return std::filesystem::exists(out); }));
@@ -283,8 +283,8 @@ TEST_F(MainApp, AStartedCopyInheritsNoTokenDescriptorSignalStateOrDirectory)
 TEST_F(MainApp, NothingToStartAnswersNoAndLogsNothing)
 {
     vt::test::StderrCapture capture;
-    EXPECT_EQ(probe({ "open", MainAppIdentifier, MainAppScheme, "768", "a:1" }), (Lines { "NO", "children none" }));
-    EXPECT_EQ(probe({ "launch", MainAppIdentifier, "-", "768" }), (Lines { "NO", "children none" }));
+    EXPECT_EQ(probe({ "open", vt::kVantorBundleIdentifier, vt::kVantorURLScheme, "768", "a:1" }), (Lines { "NO", "children none" }));
+    EXPECT_EQ(probe({ "launch", vt::kVantorBundleIdentifier, "-", "768" }), (Lines { "NO", "children none" }));
     EXPECT_EQ(lookup(), "none");
     EXPECT_EQ(capture.text(), "");
 }
@@ -298,9 +298,9 @@ TEST(MainAppAssertion, AMissingIdentifierIsAProgrammingError)
     };
     for (const Case& c : std::vector<Case> {
              { "VT_absolutePathForAppBundleWithIdentifier", 35,
-               [] { vt::VT_absolutePathForAppBundleWithIdentifier(std::nullopt, MainAppScheme); } },
+               [] { vt::VT_absolutePathForAppBundleWithIdentifier(std::nullopt, vt::kVantorURLScheme); } },
              { "VT_launchAppWithBundleIdentifier", 127,
-               [] { vt::VT_launchAppWithBundleIdentifier(std::nullopt, MainAppScheme, 0x300); } },
+               [] { vt::VT_launchAppWithBundleIdentifier(std::nullopt, vt::kVantorURLScheme, 0x300); } },
              { "VT_openURLs", 158, [] { vt::VT_openURLs({ "a:1" }, std::nullopt, std::nullopt, 0x300); } },
          }) {
         vt::test::StderrCapture capture;

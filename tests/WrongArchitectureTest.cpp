@@ -7,7 +7,8 @@
 #include "app/VTFBHelperApp.hpp"
 #include "app/VTFBHelperDelegate.hpp"
 #include "loader/WineLoader.hpp"
-#include "shell/NotificationCenter.hpp"
+#include "base/NotificationCenter.hpp"
+#include "shell/HelperServerClient.hpp"
 #include "source/VTBundle.hpp"
 #include "standin/kit/Bundles.hpp"
 #include "standin/kit/StandinTools.hpp"
@@ -39,7 +40,7 @@ TEST(WrongArchitecture, HandsTheEntryBackToVtmenuWithTheServersEnvironmentOnly)
     TestProcess running({ (mainApp / "Contents/MacOS/Vantor").string() }, environmentWith({}));
     TestProcess server({ std::string(VT_STANDIN_DIR) + "/vt-standin-helper-server" },
                        environmentWith({ { "VT_STANDIN_SERVER_ENV", (dir / "server.env").string() } }));
-    ASSERT_TRUE(waitUntil([&] { return bus.hasOwner(MainAppIdentifier) && bus.hasOwner("com.tallowmere.Vantor.HelperServer"); }));
+    ASSERT_TRUE(waitUntil([&] { return bus.hasOwner(vt::kVantorBundleIdentifier) && bus.hasOwner(vt::kHelperServerBusName); }));
 
     writeInfoPlist(dir / "Notepad.app", { { "CFBundleName", "Notepad" }, { "VTHelperAppBottleName", "Office" },
                                           { "VantorHelperMenuPath", "Programs/Notepad.lnk" } });

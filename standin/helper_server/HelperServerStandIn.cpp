@@ -111,7 +111,7 @@ HelperServerStandIn::OwnedName::OwnedName(GDBusConnection* connection, std::shar
             g_printerr("helper server stand-in: could not own %s\n", name);
     };
     auto release = [](gpointer data) noexcept { delete static_cast<std::shared_ptr<NameState>*>(data); };
-    m_ownerId = g_bus_own_name_on_connection(connection, HelperServerBusName, G_BUS_NAME_OWNER_FLAGS_NONE,
+    m_ownerId = g_bus_own_name_on_connection(connection, kHelperServerBusName, G_BUS_NAME_OWNER_FLAGS_NONE,
                                              acquired, lost, new std::shared_ptr<NameState>(std::move(state)),
                                              release);
 }
@@ -124,7 +124,7 @@ HelperServerStandIn::ExportedObject::ExportedObject(GDBusConnection* connection,
     static const GDBusInterfaceVTable vtable = { handleMethodCall, nullptr, nullptr, { nullptr } };
     GErrorHolder error;
     m_registrationId = g_dbus_connection_register_object(
-        connection, HelperServerObjectPath, const_cast<GDBusInterfaceInfo*>(interfaceInfo()), &vtable, server,
+        connection, kHelperServerObjectPath, const_cast<GDBusInterfaceInfo*>(interfaceInfo()), &vtable, server,
         nullptr, error);
     if (m_registrationId == 0)
         throw std::runtime_error(std::string("cannot export the helper server: ") + error.message());

@@ -47,9 +47,9 @@
 #include <optional>
 #include <string>
 
-#include "shell/MainLoop.hpp"
-#include "shell/glib_glue.hpp"
-#include "shell/posix_glue.hpp"
+#include "base/MainLoop.hpp"
+#include "base/glib_glue.hpp"
+#include "base/posix_glue.hpp"
 
 namespace vt::standin {
 

@@ -6,8 +6,8 @@
 #include <csignal>
 #include <exception>
 
-#include "shell/MainLoop.hpp"
-#include "shell/glib_glue.hpp"
+#include "base/MainLoop.hpp"
+#include "base/glib_glue.hpp"
 #include "standin/helper_server/HelperServerStandIn.hpp"
 
 int main()

@@ -9,7 +9,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
-#include "shell/glib_glue.hpp"
+#include "base/glib_glue.hpp"
 #include "standin/kit/TestSupport.hpp"
 
 namespace vt::test {
@@ -148,7 +148,7 @@ void Desktop::addDesktopEntry(const std::string& desktopId, const std::filesyste
                         "Exec="
         + execArgument(executable.string()) + " %U\n";
     if (registersScheme)
-        entry += std::string("MimeType=x-scheme-handler/") + MainAppScheme + ";\n";
+        entry += std::string("MimeType=x-scheme-handler/") + kVantorURLScheme + ";\n";
     writeFile(applicationsDirectory() / desktopId, entry);
     if (registersScheme) {
         m_schemeHandlers.push_back(desktopId);
@@ -159,7 +159,7 @@ void Desktop::addDesktopEntry(const std::string& desktopId, const std::filesyste
 void Desktop::writeMimeCache() const
 {
     // GIO takes the handlers of a type from this cache, in its order.
-    std::string cache = std::string("[MIME Cache]\nx-scheme-handler/") + MainAppScheme + "=";
+    std::string cache = std::string("[MIME Cache]\nx-scheme-handler/") + kVantorURLScheme + "=";
     for (const auto& desktopId : m_schemeHandlers)
         cache += desktopId + ";";
     writeFile(applicationsDirectory() / "mimeinfo.cache", cache + "\n");

@@ -30,13 +30,12 @@
 #include <sys/types.h>
 
 #include "source/PropertyList.hpp"
+#include "source/VantorNames.hpp"
 
 namespace vt::test {
 
 using namespace std::chrono_literals;
 
-inline constexpr const char* MainAppIdentifier = "com.tallowmere.Vantor";
-inline constexpr const char* MainAppScheme = "com.tallowmere.private-Vantor-app-scheme";
 
 // The stand-in main application and the launcher as built.
 std::filesystem::path standinMainAppBinary();
@@ -68,7 +67,7 @@ void setModificationTime(const std::filesystem::path& path, int64_t secondsSince
 // One installed copy of the main application.
 struct MainAppCopy {
     std::filesystem::path bundle {};                   // where it goes (required)
-    std::string identifier = MainAppIdentifier;        // CFBundleIdentifier
+    std::string identifier = kVantorBundleIdentifier;        // CFBundleIdentifier
     std::optional<std::string> version = "4.1.0";      // CFBundleVersion; empty: none
     std::string executableName = "Vantor";             // CFBundleExecutable
     std::filesystem::path binary = standinMainAppBinary(); // copied to Contents/MacOS/<executableName>
@@ -79,7 +78,7 @@ struct MainAppCopy {
     // a copy whose bundle executable is not executable.
     std::optional<std::string> execName = std::nullopt;
     std::optional<std::string> desktopId = std::nullopt; // default: vantor-<n>.desktop
-    bool registersScheme = true;                         // MimeType=x-scheme-handler/<MainAppScheme>
+    bool registersScheme = true;                         // MimeType=x-scheme-handler/<kVantorURLScheme>
     std::optional<int64_t> modified = std::nullopt;      // the bundle directory's mtime, seconds since the epoch
 };
 

@@ -3,6 +3,8 @@
 #include <ctime>
 #include <sstream>
 
+#include "shell/HelperServerClient.hpp"
+
 namespace vt::test {
 
 LauncherHarness::LauncherHarness() { mainApp = desktop.addMainApp({ .bundle = dir / "Vantor.app" }); }
@@ -11,7 +13,7 @@ LauncherHarness::~LauncherHarness()
 {
     // The main application was started detached by the launcher: it is not
     // our child, so end it explicitly before the bus goes.
-    if (auto owner = busNameOwnerProcess(bus.address(), MainAppIdentifier))
+    if (auto owner = busNameOwnerProcess(bus.address(), kVantorBundleIdentifier))
         terminateAndWait(*owner);
     m_helperServer.reset();
 }
@@ -33,7 +35,7 @@ void LauncherHarness::startHelperServer(const EnvironmentChanges& settings)
     m_helperServer = std::make_unique<TestProcess>(
         std::vector<std::string> { std::string(VT_STANDIN_DIR) + "/vt-standin-helper-server" }, environment(settings));
     if (!settings.count("VT_STANDIN_SERVER_DELAY_MS"))
-        waitUntil([&] { return bus.hasOwner("com.tallowmere.Vantor.HelperServer"); });
+        waitUntil([&] { return bus.hasOwner(vt::kHelperServerBusName); });
 }
 
 std::unique_ptr<TestProcess> LauncherHarness::startLauncher(const std::vector<std::string>& arguments,

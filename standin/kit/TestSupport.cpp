@@ -166,4 +166,22 @@ std::optional<int> TestProcess::waitForExit(std::chrono::milliseconds timeout)
 
 void TestProcess::signal(int signalNumber) { kill(m_task.processIdentifier(), signalNumber); }
 
+bool waitUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout)
+{
+    bool timedOut = false;
+    TimeoutSource guard("vt run-until time-out", timeout, [&] {
+        timedOut = true;
+        return false;
+    });
+    // Conditions may change outside the main loop (another thread, another
+    // process), so look again at short intervals even when nothing is dispatched.
+    TimeoutSource tick("vt run-until tick", std::chrono::milliseconds(5), [] { return true; });
+    while (!done()) {
+        if (timedOut)
+            return false;
+        g_main_context_iteration(nullptr, TRUE);
+    }
+    return true;
+}
+
 } // namespace vt::test

@@ -12,8 +12,8 @@
 #include <memory>
 #include <vector>
 
-#include "shell/MainLoop.hpp"
-#include "shell/glib_glue.hpp"
+#include "base/MainLoop.hpp"
+#include "base/glib_glue.hpp"
 #include "source/VTTask.hpp"
 
 namespace vt::test {
@@ -110,10 +110,9 @@ private:
     VTTask m_task;
 };
 
-// Runs the main loop until `done` holds; false after `timeout`.
-inline bool waitUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout = 10s)
-{
-    return runMainLoopUntil(done, timeout);
-}
+// Iterates the default main context until `done` holds; false after
+// `timeout`. `done` is asked again at least every few milliseconds, since
+// some conditions change outside the main loop (another process's files).
+bool waitUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout = 10s);
 
 } // namespace vt::test

@@ -22,12 +22,12 @@
 
 #include <memory>
 
-#include "shell/glib_glue.hpp"
+#include "base/glib_glue.hpp"
+#include "source/VantorNames.hpp"
 #include "standin/helper_server/HelperServerStandIn.hpp"
 
 namespace {
 
-constexpr const char* MainApplicationId = "com.tallowmere.Vantor";
 
 void record(const std::string& line)
 {
@@ -85,7 +85,7 @@ gboolean onQuitSignal(gpointer app) noexcept
 
 vt::GPtr<GApplication> makeMainApplication()
 {
-    vt::GPtr<GApplication> app = vt::adopt(g_application_new(MainApplicationId, G_APPLICATION_HANDLES_OPEN));
+    vt::GPtr<GApplication> app = vt::adopt(g_application_new(vt::kVantorBundleIdentifier, G_APPLICATION_HANDLES_OPEN));
     g_signal_connect(app.get(), "startup", G_CALLBACK(onStartup), nullptr);
     g_signal_connect(app.get(), "activate", G_CALLBACK(onActivate), nullptr);
     g_signal_connect(app.get(), "open", G_CALLBACK(onOpen), nullptr);

@@ -1,4 +1,4 @@
-#include "source/VTLog.hpp"
+#include "base/VTLog.hpp"
 
 #include <cstdlib>
 

@@ -3,7 +3,7 @@
 // call, so switching it on mid-run takes effect at the next message.
 #pragma once
 
-#include "source/PlatformLog.hpp"
+#include "base/PlatformLog.hpp"
 
 namespace vt {
 

@@ -1,6 +1,6 @@
-#include "source/PlatformLog.hpp"
+#include "base/PlatformLog.hpp"
 
-#include "shell/posix_glue.hpp"
+#include "base/posix_glue.hpp"
 
 #include <cerrno>
 #include <cstdarg>

@@ -10,7 +10,7 @@
 #include <memory>
 #include <type_traits>
 
-#include "shell/glib_glue.hpp"
+#include "base/glib_glue.hpp"
 
 namespace vt {
 
@@ -85,10 +85,5 @@ template <typename F> std::invoke_result_t<F> runOnMainAndWait(F&& work)
     runOnMain([task] { (*task)(); });
     return result.get();
 }
-
-// Iterates the default main context until `done` answers true or `timeout`
-// passes; answers whether `done` was reached. `done` is asked again at least
-// every few milliseconds.
-bool runMainLoopUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout);
 
 } // namespace vt

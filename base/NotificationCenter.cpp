@@ -1,4 +1,4 @@
-#include "shell/NotificationCenter.hpp"
+#include "base/NotificationCenter.hpp"
 
 #include <algorithm>
 

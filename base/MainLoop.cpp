@@ -1,4 +1,4 @@
-#include "shell/MainLoop.hpp"
+#include "base/MainLoop.hpp"
 
 #include <deque>
 #include <glib-unix.h>
@@ -140,23 +140,5 @@ namespace {
 } // namespace
 
 void runOnMain(std::function<void()> work) { MainQueue::shared().push(std::move(work)); }
-
-bool runMainLoopUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout)
-{
-    bool timedOut = false;
-    TimeoutSource guard("vt run-until time-out", timeout, [&] {
-        timedOut = true;
-        return false;
-    });
-    // Conditions may change outside the main loop (another thread, another
-    // process), so look again at short intervals even when nothing is dispatched.
-    TimeoutSource tick("vt run-until tick", std::chrono::milliseconds(5), [] { return true; });
-    while (!done()) {
-        if (timedOut)
-            return false;
-        g_main_context_iteration(nullptr, TRUE);
-    }
-    return true;
-}
 
 } // namespace vt

@@ -8,10 +8,10 @@
 #include "app/VTFBHelperApp.hpp"
 #include "app/VTFBHelperDelegate.hpp"
 #include "integration/TrayIconEntry.hpp"
-#include "shell/NotificationCenter.hpp"
-#include "shell/posix_glue.hpp"
-#include "source/PlatformLog.hpp"
-#include "source/VTLog.hpp"
+#include "base/NotificationCenter.hpp"
+#include "base/posix_glue.hpp"
+#include "base/PlatformLog.hpp"
+#include "base/VTLog.hpp"
 #include "source/WorkspaceAdditions.hpp"
 
 namespace vt {
