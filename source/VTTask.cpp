@@ -123,9 +123,10 @@ void VTTask::launch()
         throw VTTaskLaunchError("task has no launch path");
 
     SpawnActions actions;
-    Fd stdinChild, stdoutChild, stdinOurs, stdoutOurs;
+    Fd stdinChild, stdoutChild, stderrChild, stdinOurs, stdoutOurs, stderrOurs;
     connectStream(actions, m_stdin, STDIN_FILENO, stdinOurs, stdinChild);
     connectStream(actions, m_stdout, STDOUT_FILENO, stdoutOurs, stdoutChild);
+    connectStream(actions, m_stderr, STDERR_FILENO, stderrOurs, stderrChild);
     if (m_currentDirectory)
         posix_spawn_file_actions_addchdir_np(actions.get(), m_currentDirectory->c_str());
 
@@ -161,6 +162,7 @@ void VTTask::launch()
     m_pid = pid;
     m_stdinWriter = std::move(stdinOurs);
     m_stdoutReader = std::move(stdoutOurs);
+    m_stderrReader = std::move(stderrOurs);
     m_watch = std::make_shared<detail::TaskWatch>();
     m_watch->owner = this;
 

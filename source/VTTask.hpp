@@ -50,6 +50,7 @@ public:
     void setEnvironment(std::map<std::string, std::string> environment) { m_environment = std::move(environment); }
     void setStandardInput(Stream stream) { m_stdin = stream; }
     void setStandardOutput(Stream stream) { m_stdout = stream; }
+    void setStandardError(Stream stream) { m_stderr = stream; }
 
     const std::string& launchPath() const { return m_launchPath; }
     const std::vector<std::string>& arguments() const { return m_arguments; }
@@ -67,6 +68,7 @@ public:
     // Our ends of the pipes, close-on-exec; invalid unless Stream::Pipe.
     Fd& standardInputWriter() { return m_stdinWriter; }
     Fd& standardOutputReader() { return m_stdoutReader; }
+    Fd& standardErrorReader() { return m_stderrReader; }
 
 private:
     std::string m_launchPath;
@@ -75,10 +77,12 @@ private:
     std::optional<std::map<std::string, std::string>> m_environment;
     Stream m_stdin = Stream::Inherit;
     Stream m_stdout = Stream::Inherit;
+    Stream m_stderr = Stream::Inherit;
 
     pid_t m_pid = 0;
     Fd m_stdinWriter;
     Fd m_stdoutReader;
+    Fd m_stderrReader;
     std::shared_ptr<detail::TaskWatch> m_watch;
 };
 
