@@ -1,10 +1,24 @@
 #include "app/VTFBHelperApp.hpp"
 
+#include <cstddef>
+#include <cstring>
+
 #include "app/VTFBHelperDelegate.hpp"
-#include "base/NotificationCenter.hpp"
 #include "base/PlatformLog.hpp"
 
 namespace vt {
+
+// The C and C++ names of events and replies are the same numbers.
+static_assert(static_cast<int>(Event::Type::OpenUntitled) == VT_EVENT_OPEN_UNTITLED);
+static_assert(static_cast<int>(Event::Type::OpenFiles) == VT_EVENT_OPEN_FILES);
+static_assert(static_cast<int>(Event::Type::OpenURL) == VT_EVENT_OPEN_URL);
+static_assert(static_cast<int>(Event::Type::Reopen) == VT_EVENT_REOPEN);
+static_assert(static_cast<int>(Event::Type::Activate) == VT_EVENT_ACTIVATE);
+static_assert(static_cast<int>(Event::Type::QuitRequest) == VT_EVENT_QUIT_REQUEST);
+static_assert(static_cast<int>(Event::Type::MenuItem) == VT_EVENT_MENU_ITEM);
+static_assert(static_cast<int>(TerminateReply::Cancel) == VT_TERMINATE_CANCEL);
+static_assert(static_cast<int>(TerminateReply::Now) == VT_TERMINATE_NOW);
+static_assert(static_cast<int>(TerminateReply::Later) == VT_TERMINATE_LATER);
 
 namespace {
     // The life-cycle notifications a controller may take, in the order in
@@ -61,27 +75,48 @@ VTFBHelperApp* VTFBHelperApp::shared() { return dynamic_cast<VTFBHelperApp*>(App
 
 void VTFBHelperApp::setWineController(const vt_wine_controller* controller)
 {
-    auto& center = NotificationCenter::defaultCenter();
-    // The registrations are keyed by the controller slot, so the old
-    // controller's are all gone before the new one's are made.
-    const void* observer = &m_wineController;
-    if (m_wineController) {
-        for (const auto& row : forwardedNotifications) {
-            if ((*m_wineController).*row.callback)
-                center.removeObserver(observer, row.name, this);
-        }
-    }
+    // The old controller's registrations are all gone before the new one's are made.
+    m_controllerObservations.clear();
     m_wineController.reset();
     if (!controller)
         return;
-    m_wineController = *controller;
+    if (controller->size < offsetof(vt_wine_controller, context) + sizeof controller->context) {
+        platformLog("vt_set_wine_controller: a controller of %zu bytes is too small to register", controller->size);
+        return;
+    }
+    // A driver built against a shorter header has none of the later callbacks.
+    vt_wine_controller copy {};
+    std::memcpy(&copy, controller, std::min(controller->size, sizeof copy));
+    copy.size = sizeof copy;
+    m_wineController = copy;
     for (const auto& row : forwardedNotifications) {
-        vt_notification_callback callback = (*m_wineController).*row.callback;
+        vt_notification_callback callback = copy.*row.callback;
         if (!callback)
             continue;
-        void* context = m_wineController->context;
-        center.addObserver(observer, row.name, this, [callback, context](const Notification&) { callback(context); });
+        void* context = copy.context;
+        m_controllerObservations.push_back(NotificationCenter::defaultCenter().addObserver(
+            row.name, this, [callback, context](const Notification&) { callback(context); }));
     }
+}
+
+std::optional<TerminateReply> VTFBHelperApp::wineControllerShouldTerminate()
+{
+    if (!m_wineController || !m_wineController->should_terminate)
+        return std::nullopt;
+    int answer = m_wineController->should_terminate(m_wineController->context);
+    if (answer < VT_TERMINATE_CANCEL || answer > VT_TERMINATE_LATER) {
+        platformLog("The Wine controller answered the quit question with %d, which is no reply; the quit is cancelled.",
+                    answer);
+        return TerminateReply::Cancel;
+    }
+    return static_cast<TerminateReply>(answer);
+}
+
+std::optional<bool> VTFBHelperApp::wineControllerShouldHandleReopen(bool hasVisibleWindows)
+{
+    if (!m_wineController || !m_wineController->should_handle_reopen)
+        return std::nullopt;
+    return m_wineController->should_handle_reopen(m_wineController->context, hasVisibleWindows);
 }
 
 void VTFBHelperApp::sendEvent(const Event& event)
@@ -101,16 +136,29 @@ void VTFBHelperApp::sendEvent(const Event& event)
 
 } // namespace vt
 
+// The driver calls in from C: nothing may be thrown back at it.
 extern "C" VT_EXPORT void vt_set_wine_controller(const vt_wine_controller* controller)
 {
-    if (auto* application = vt::VTFBHelperApp::shared())
-        application->setWineController(controller);
-    else
-        vt::platformLog("vt_set_wine_controller: there is no launcher application to register with");
+    try {
+        if (auto* application = vt::VTFBHelperApp::shared())
+            application->setWineController(controller);
+        else
+            vt::platformLog("vt_set_wine_controller: there is no launcher application to register with");
+    } catch (const std::exception& e) {
+        vt::platformLog("vt_set_wine_controller: %s", e.what());
+    } catch (...) {
+        vt::platformLog("vt_set_wine_controller: an unexpected failure");
+    }
 }
 
 extern "C" VT_EXPORT void vt_reply_to_application_should_terminate(bool shouldTerminate)
 {
-    if (auto* application = vt::VTFBHelperApp::shared())
-        application->replyToApplicationShouldTerminate(shouldTerminate);
+    try {
+        if (auto* application = vt::VTFBHelperApp::shared())
+            application->replyToApplicationShouldTerminate(shouldTerminate);
+    } catch (const std::exception& e) {
+        vt::platformLog("vt_reply_to_application_should_terminate: %s", e.what());
+    } catch (...) {
+        vt::platformLog("vt_reply_to_application_should_terminate: an unexpected failure");
+    }
 }

@@ -6,7 +6,9 @@
 
 #include <memory>
 #include <optional>
+#include <vector>
 
+#include "base/NotificationCenter.hpp"
 #include "shell/Application.hpp"
 #include "vtlauncher/wine_controller.h"
 
@@ -23,16 +25,24 @@ public:
 
     VTFBHelperDelegate& helperDelegate() { return *m_helperDelegate; }
 
-    // The registered controller, or null. Not owned: its context belongs to
-    // the driver.
-    const vt_wine_controller* wineController() const { return m_wineController ? &*m_wineController : nullptr; }
+    // The registered controller (a copy; its context belongs to the driver).
+    bool hasWineController() const { return m_wineController.has_value(); }
+    // Replaces the controller; null clears it. A controller whose size does
+    // not cover its context is refused and logged.
     void setWineController(const vt_wine_controller* controller);
+
+    // The controller's answers, empty when there is none or it does not
+    // answer that question. An answer that is no reply is logged and taken
+    // as a cancel.
+    std::optional<TerminateReply> wineControllerShouldTerminate();
+    std::optional<bool> wineControllerShouldHandleReopen(bool hasVisibleWindows);
 
     void sendEvent(const Event& event) override;
 
 private:
     std::unique_ptr<VTFBHelperDelegate> m_helperDelegate;
     std::optional<vt_wine_controller> m_wineController;
+    std::vector<Observation> m_controllerObservations;
 };
 
 } // namespace vt

@@ -3,11 +3,12 @@
 #include <unistd.h>
 
 #include "app/VTFBHelperApp.hpp"
-#include "loader/WineLoader.hpp"
-#include "base/NotificationCenter.hpp"
 #include "base/PlatformLog.hpp"
-#include "source/VTBundle.hpp"
 #include "base/VTLog.hpp"
+#include "loader/WineLoader.hpp"
+#include "source/UserDefaults.hpp"
+#include "source/VTBundle.hpp"
+#include "source/VantorNames.hpp"
 #include "source/WorkspaceAdditions.hpp"
 
 namespace vt {
@@ -19,26 +20,20 @@ namespace {
     // The main application comes up behind the user's windows and stays out
     // of the recent items.
     constexpr uint32_t kLaunchInBackground = kLaunchDontSwitch | kLaunchDontAddToRecents;
-
-    void replaceAll(std::string& text, std::string_view pattern, const std::string& replacement)
-    {
-        for (size_t at = text.find(pattern); at != std::string::npos; at = text.find(pattern, at + replacement.size()))
-            text.replace(at, pattern.size(), replacement);
-    }
 } // namespace
 
-VTFBHelperDelegate::VTFBHelperDelegate(VTFBHelperApp& application) : m_application(application)
+VTFBHelperDelegate::VTFBHelperDelegate(VTFBHelperApp& application)
+    : m_application(application)
+    , m_program(m_settings, [this] { return launcherVariables(); }, [this] { programEnded(); })
+    , m_windowCommands([this] {
+        if (!m_program.isRunning())
+            programEnded();
+    })
 {
     m_iconList.reserve(2);
-    m_taskArray.reserve(2);
 }
 
-VTFBHelperDelegate::~VTFBHelperDelegate()
-{
-    // The loader's notification and every task's end: nothing may reach a
-    // delegate that is gone.
-    NotificationCenter::defaultCenter().removeObserver(this);
-}
+VTFBHelperDelegate::~VTFBHelperDelegate() = default;
 
 std::optional<std::string> VTFBHelperDelegate::infoString(const char* key) const
 {
@@ -64,20 +59,40 @@ void VTFBHelperDelegate::applicationWillFinishLaunching()
         m_application.terminate();
         return;
     }
+    m_program.setHelperServer(m_helperServerProxy.get());
 
-    m_bottleName = infoString("VTHelperAppBottleName");
+    readBundleSettings();
     if (!waitForBottle()) {
         platformLog("The Vantor helper server was there, but now it's gone.\n");
         m_application.terminate();
         return;
     }
 
-    m_menuPath = infoString("VantorHelperMenuPath");
     findProductTools();
     startSendWndCmd();
     formatMenuItemsWithBundleName(m_application.mainMenu());
-    VTLog("start-up done: bottle %@, menu %@, tools in %@", m_bottleName.value_or("(none)"),
-          m_menuPath.value_or("(none)"), m_vantorRoot.value_or("(none)"));
+    VTLog("start-up done: bottle %@, menu %@, tools in %@", m_settings.bottleName.value_or("(none)"),
+          m_settings.menuPath.value_or("(none)"), m_settings.vantorRoot.value_or("(none)"));
+}
+
+void VTFBHelperDelegate::readBundleSettings()
+{
+    m_settings.bundleName = infoString("CFBundleName");
+    m_settings.bottleName = infoString("VTHelperAppBottleName");
+    m_settings.menuPath = infoString("VantorHelperMenuPath");
+    const VTBundle* bundle = m_application.mainBundle();
+    const PlistValue* types = bundle ? bundle->objectForInfoDictionaryKey("CFBundleDocumentTypes") : nullptr;
+    if (!types || !types->asArray())
+        return;
+    for (const auto& type : *types->asArray()) {
+        const PlistValue* list = type.find("CFBundleTypeExtensions");
+        if (!list || !list->asArray())
+            continue;
+        for (const auto& extension : *list->asArray()) {
+            if (extension.asString())
+                m_settings.documentExtensions.insert(*extension.asString());
+        }
+    }
 }
 
 bool VTFBHelperDelegate::connectToHelperServer()
@@ -97,8 +112,8 @@ bool VTFBHelperDelegate::waitForBottle()
     // No limit on purpose: a bottle may take long to get ready (an update,
     // a first start), and the launcher waits as long as the server is there.
     try {
-        while (!m_helperServerProxy->isServerReadyForBottle(m_bottleName.value_or(""))) {
-            VTLog("bottle %@ is not ready yet", m_bottleName.value_or("(none)"));
+        while (!m_helperServerProxy->isServerReadyForBottle(m_settings.bottleName.value_or(""))) {
+            VTLog("bottle %@ is not ready yet", m_settings.bottleName.value_or("(none)"));
             m_application.sleepDuringLaunch(1s);
         }
         return true;
@@ -118,10 +133,16 @@ void VTFBHelperDelegate::findProductTools()
         return;
     }
     std::filesystem::path root = bundle->sharedSupportPath() / "Vantor";
-    m_vantorRoot = root.string();
-    m_vtmenuPath = (root / "bin" / "vtmenu").string();
-    m_vtstartPath = (root / "bin" / "vtstart").string();
-    m_winePath = (root / "bin" / "wine").string();
+    m_settings.vantorRoot = root.string();
+    m_settings.vtmenuPath = (root / "bin" / "vtmenu").string();
+    m_settings.vtstartPath = (root / "bin" / "vtstart").string();
+    m_settings.winePath = (root / "bin" / "wine").string();
+}
+
+void VTFBHelperDelegate::startSendWndCmd()
+{
+    m_windowCommands.start(
+        m_program.createWineTaskWithLaunchPath(m_settings.winePath, windowCommandToolArguments(m_settings.bottleName)));
 }
 
 void VTFBHelperDelegate::formatMenuItemsWithBundleName(Menu& menu)
@@ -131,48 +152,120 @@ void VTFBHelperDelegate::formatMenuItemsWithBundleName(Menu& menu)
         VTLog("the bundle has no name; menu titles keep their %%@");
         return;
     }
-    for (auto& item : menu.items) {
-        if (item.separator)
-            continue;
-        if (item.attributedTitle && !item.attributedTitle->text.empty()) {
-            if (item.attributedTitle->text.find("%@") != std::string::npos)
-                replaceAll(item.attributedTitle->text, "%@", *bundleName);
-        } else if (!item.title.empty() && item.title.find("%@") != std::string::npos) {
-            replaceAll(item.title, "%@", *bundleName);
-        }
-        if (item.submenu)
-            formatMenuItemsWithBundleName(*item.submenu);
-    }
+    replaceInMenuTitles(menu, "%@", *bundleName);
 }
 
 void VTFBHelperDelegate::applicationDidFinishLaunching() {}
 
-void VTFBHelperDelegate::activateMainApplication()
+WindowsProgram::Environment VTFBHelperDelegate::launcherVariables()
 {
-    VT_activateRunningAppWithBundleIdentifier(kVantorBundleIdentifier);
+    WindowsProgram::Environment variables;
+    if (startLaunchNotify())
+        variables["VT_SYSTRAY_SOCKET"] = m_launchNotifySocketName;
+    if (!vantorDisableWineIntegration() && m_wineLoader) {
+        std::string socketPath = m_wineLoader->socketPath();
+        if (!socketPath.empty())
+            variables["VT_APPRUNNER_ALT_LOADER_SOCKET"] = socketPath;
+    }
+    return variables;
+}
+
+bool VTFBHelperDelegate::startLaunchNotify()
+{
+    // The launch-notify socket comes with the tray icons; until then the
+    // Windows side is not told of one.
+    return false;
+}
+
+bool VTFBHelperDelegate::applicationShouldOpenUntitledFile(Application&)
+{
+    // While the program runs, clicking the launcher again starts no second copy.
+    return !m_program.isRunning();
+}
+
+bool VTFBHelperDelegate::applicationOpenUntitledFile(Application&)
+{
+    m_program.openUntitled();
+    return true;
+}
+
+void VTFBHelperDelegate::openFiles(Application& application, const std::vector<std::string>& paths)
+{
+    application.replyToOpenOrPrint(m_program.openFiles(paths) ? OpenReply::Success : OpenReply::Failure);
+}
+
+void VTFBHelperDelegate::handleGetURLEvent(const std::string& url) { m_program.openURL(url); }
+
+bool VTFBHelperDelegate::applicationShouldHandleReopen(Application&, bool hasVisibleWindows)
+{
+    return m_application.wineControllerShouldHandleReopen(hasVisibleWindows).value_or(true);
+}
+
+void VTFBHelperDelegate::wineLoaderRejectedRequestForWrongArchitecture(const Notification& notification)
+{
+    auto found = notification.userInfo.find(WineLoaderRequestedArchitectureKey);
+    const auto* architecture
+        = found == notification.userInfo.end() ? nullptr : std::any_cast<std::string>(&found->second);
+    if (!architecture) {
+        platformLog("Cannot hand the program back to vtmenu for another architecture: its settings are incomplete.");
+        return;
+    }
+    m_program.handBackForArchitecture(*architecture);
+}
+
+void VTFBHelperDelegate::programEnded()
+{
+    // A loader without a socket path has taken the program into this very
+    // process: the launcher is the program now and must stay.
+    if (!m_wineLoader || !m_wineLoader->socketPath().empty())
+        m_application.terminate();
+}
+
+void VTFBHelperDelegate::activateMainApplication() { VT_activateRunningAppWithBundleIdentifier(kVantorBundleIdentifier); }
+
+void VTFBHelperDelegate::applicationDidBecomeActive()
+{
+    // With Wine inside the launcher, its driver handles activation itself.
+    if (m_application.hasWineController() || !m_program.isRunning())
+        return;
+
+    if (m_helperServerProxy) {
+        try {
+            m_helperServerProxy->raiseWindowsWithTag(windowTag());
+        } catch (const HelperServerError& error) {
+            VTLog("raising the tagged windows failed: %s", error.what());
+        }
+    }
+    if (m_windowCommands.sendMessageToTaggedWindows("haswindows")) {
+        activateMainApplication();
+        m_application.hide();
+        m_application.delayedCalls().schedule(50ms, [this] { m_application.unhideWithoutActivation(); });
+        return;
+    }
+    // No window to raise: a click on the oldest tray icon is the next best thing.
+    if (!m_iconList.empty())
+        m_windowCommands.sendMessageToTaggedWindows(activateSystrayCommand(*m_iconList.front()));
 }
 
 TerminateReply VTFBHelperDelegate::applicationShouldTerminate(Application&)
 {
     // Once Wine runs inside the launcher, its own controller decides.
-    if (const vt_wine_controller* controller = m_application.wineController()) {
-        if (controller->should_terminate)
-            return static_cast<TerminateReply>(controller->should_terminate(controller->context));
-    }
-    if (m_taskArray.empty())
+    if (auto reply = m_application.wineControllerShouldTerminate())
+        return *reply;
+    if (!m_program.isRunning())
         return TerminateReply::Now;
 
     activateMainApplication();
     // A Windows-style end of session: the program may refuse, and nothing is
     // ever killed, so the user's unsaved work survives a refused quit.
     TerminateReply reply = TerminateReply::Cancel;
-    if (sendMessageToTaggedWindows("close")) {
-        if (sendMessageToTaggedWindows("queryendsession")) {
-            sendMessageToTaggedWindows("endsession");
-            sendMessageToTaggedWindows("shutdown");
+    if (m_windowCommands.sendMessageToTaggedWindows("close")) {
+        if (m_windowCommands.sendMessageToTaggedWindows("queryendsession")) {
+            m_windowCommands.sendMessageToTaggedWindows("endsession");
+            m_windowCommands.sendMessageToTaggedWindows("shutdown");
             reply = TerminateReply::Now;
         } else {
-            sendMessageToTaggedWindows("endsessioncancel");
+            m_windowCommands.sendMessageToTaggedWindows("endsessioncancel");
         }
     }
     m_application.hide();
@@ -181,17 +274,11 @@ TerminateReply VTFBHelperDelegate::applicationShouldTerminate(Application&)
 
 void VTFBHelperDelegate::applicationWillTerminate()
 {
-    NotificationCenter::defaultCenter().removeObserver(this);
+    m_program.stopObservingEnds();
+    m_windowCommands.stopObservingEnd();
     m_application.delayedCalls().cancelAll();
     if (!m_launchNotifySocketName.empty())
         ::unlink(m_launchNotifySocketName.c_str());
-}
-
-bool VTFBHelperDelegate::startLaunchNotify()
-{
-    // The launch-notify socket comes with the tray icons; until then the
-    // Windows side is not told of one.
-    return false;
 }
 
 } // namespace vt

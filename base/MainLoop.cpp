@@ -141,4 +141,12 @@ namespace {
 
 void runOnMain(std::function<void()> work) { MainQueue::shared().push(std::move(work)); }
 
+void MainQueueToken::post(std::function<void()> work) const
+{
+    runOnMain([alive = std::weak_ptr<int>(m_alive), work = std::move(work)] {
+        if (!alive.expired())
+            work();
+    });
+}
+
 } // namespace vt

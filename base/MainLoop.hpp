@@ -74,6 +74,17 @@ private:
 // Queues `work` to run on the main loop; returns at once.
 void runOnMain(std::function<void()> work);
 
+// Held by an object that queues work for the main loop on its own behalf:
+// work queued through it runs only while the object still lives. The object
+// is destroyed on the main thread, where the work runs, so the two never race.
+class MainQueueToken {
+public:
+    void post(std::function<void()> work) const;
+
+private:
+    std::shared_ptr<int> m_alive = std::make_shared<int>(0);
+};
+
 // Runs `work` on the main loop and waits for its result (or exception). On
 // the main thread it runs at once, so the main thread never waits for itself.
 template <typename F> std::invoke_result_t<F> runOnMainAndWait(F&& work)

@@ -1,8 +1,46 @@
 #include "base/NotificationCenter.hpp"
 
 #include <algorithm>
+#include <utility>
 
 namespace vt {
+
+struct Observation::Registration {
+    std::string name;
+    const void* object;
+    NotificationCenter::Handler handler;
+    // Guarded by the centre's mutex.
+    bool removed = false;
+    std::vector<std::thread::id> deliveringThreads;
+};
+
+Observation::Observation(NotificationCenter* center, std::shared_ptr<Registration> registration) noexcept
+    : m_center(center), m_registration(std::move(registration))
+{
+}
+
+Observation::Observation(Observation&& other) noexcept
+    : m_center(std::exchange(other.m_center, nullptr)), m_registration(std::move(other.m_registration))
+{
+}
+
+Observation& Observation::operator=(Observation&& other) noexcept
+{
+    if (this != &other) {
+        reset();
+        m_center = std::exchange(other.m_center, nullptr);
+        m_registration = std::move(other.m_registration);
+    }
+    return *this;
+}
+
+void Observation::reset() noexcept
+{
+    if (m_registration)
+        m_center->remove(*m_registration);
+    m_registration.reset();
+    m_center = nullptr;
+}
 
 NotificationCenter& NotificationCenter::defaultCenter()
 {
@@ -10,68 +48,77 @@ NotificationCenter& NotificationCenter::defaultCenter()
     return center;
 }
 
-void NotificationCenter::addObserver(const void* observer, std::string name, const void* object,
-                                     Handler handler)
+Observation NotificationCenter::addObserver(std::string name, const void* object, Handler handler)
 {
-    auto registration = std::make_shared<Registration>(
-        Registration { observer, std::move(name), object, std::move(handler) });
+    auto registration = std::make_shared<Observation::Registration>(
+        Observation::Registration { std::move(name), object, std::move(handler), false, {} });
     std::lock_guard lock(m_mutex);
-    m_registrations.push_back(std::move(registration));
+    m_registrations.push_back(registration);
+    return Observation(this, std::move(registration));
 }
 
-void NotificationCenter::removeObserver(const void* observer)
+void NotificationCenter::remove(Observation::Registration& registration) noexcept
 {
-    removeObserver(observer, {}, nullptr);
-}
-
-void NotificationCenter::removeObserver(const void* observer, const std::string& name,
-                                        const void* object)
-{
-    std::lock_guard lock(m_mutex);
-    std::erase_if(m_registrations, [&](const std::shared_ptr<Registration>& r) {
-        bool matches = r->observer == observer && (name.empty() || r->name == name)
-            && (!object || r->object == object);
-        // A post in progress holds its own copy of the list; the flag stops it
-        // from calling an observer that has gone away in the meantime.
-        if (matches)
-            r->removed = true;
-        return matches;
+    std::unique_lock lock(m_mutex);
+    registration.removed = true;
+    std::erase_if(m_registrations, [&](const auto& r) { return r.get() == &registration; });
+    // A delivery on this very thread is the caller's own handler (or one
+    // further up its stack): waiting for it would never end.
+    auto self = std::this_thread::get_id();
+    m_deliveryEnded.wait(lock, [&] {
+        return std::all_of(registration.deliveringThreads.begin(), registration.deliveringThreads.end(),
+                           [&](std::thread::id thread) { return thread == self; });
     });
 }
 
-void NotificationCenter::post(std::string name, const void* object,
-                              std::map<std::string, std::any> userInfo)
+void NotificationCenter::post(std::string name, const void* object, std::map<std::string, std::any> userInfo)
 {
     post(Notification { std::move(name), object, std::move(userInfo) });
 }
 
 void NotificationCenter::post(const Notification& notification)
 {
-    std::vector<std::shared_ptr<Registration>> targets;
+    std::vector<std::shared_ptr<Observation::Registration>> targets;
     {
         std::lock_guard lock(m_mutex);
         for (const auto& r : m_registrations) {
-            if ((r->name.empty() || r->name == notification.name)
-                && (!r->object || r->object == notification.object))
+            if ((r->name.empty() || r->name == notification.name) && (!r->object || r->object == notification.object))
                 targets.push_back(r);
         }
     }
-    // Handlers run without the lock, so they may post or (un)register freely.
+    auto self = std::this_thread::get_id();
     for (const auto& r : targets) {
         {
             std::lock_guard lock(m_mutex);
+            // Removed since the list was taken: it must not run again.
             if (r->removed)
                 continue;
+            r->deliveringThreads.push_back(self);
         }
+        // Whatever the handler does, its delivery ends here, so that a
+        // removal waiting on another thread goes on.
+        struct DeliveryEnd {
+            NotificationCenter& center;
+            Observation::Registration& registration;
+            std::thread::id thread;
+            ~DeliveryEnd()
+            {
+                {
+                    std::lock_guard lock(center.m_mutex);
+                    auto& threads = registration.deliveringThreads;
+                    threads.erase(std::find(threads.begin(), threads.end(), thread));
+                }
+                center.m_deliveryEnded.notify_all();
+            }
+        } end { *this, *r, self };
         r->handler(notification);
     }
 }
 
-size_t NotificationCenter::observationCount(const void* observer) const
+size_t NotificationCenter::observationCount() const
 {
     std::lock_guard lock(m_mutex);
-    return std::count_if(m_registrations.begin(), m_registrations.end(),
-                         [&](const auto& r) { return r->observer == observer; });
+    return m_registrations.size();
 }
 
 } // namespace vt

@@ -1,14 +1,20 @@
 // A thread-safe notification centre: observers register for a notification
 // name and/or a posting object, and posts are delivered synchronously on the
 // posting thread, in registration order.
+//
+// A registration is an Observation, a move-only object that removes it when
+// it goes away: nobody removes observers by hand on each failure path, and
+// nothing is keyed by an observer's address.
 #pragma once
 
 #include <any>
+#include <condition_variable>
 #include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace vt {
@@ -17,6 +23,34 @@ struct Notification {
     std::string name;
     const void* object = nullptr;
     std::map<std::string, std::any> userInfo;
+};
+
+class NotificationCenter;
+
+// One registration with a notification centre. Destroying or resetting it
+// removes the registration, and when that returns its handler is not running
+// on any other thread and will not run again. It may be reset from inside its
+// own handler (the call then returns at once). Two handlers on two threads
+// that each remove the other's observation would wait for each other: don't.
+class Observation {
+public:
+    Observation() noexcept = default;
+    Observation(Observation&& other) noexcept;
+    Observation& operator=(Observation&& other) noexcept;
+    Observation(const Observation&) = delete;
+    Observation& operator=(const Observation&) = delete;
+    ~Observation() { reset(); }
+
+    void reset() noexcept;
+    explicit operator bool() const noexcept { return m_registration != nullptr; }
+
+private:
+    friend class NotificationCenter;
+    struct Registration;
+    Observation(NotificationCenter* center, std::shared_ptr<Registration> registration) noexcept;
+
+    NotificationCenter* m_center = nullptr;
+    std::shared_ptr<Registration> m_registration;
 };
 
 class NotificationCenter {
@@ -30,30 +64,23 @@ public:
     NotificationCenter& operator=(const NotificationCenter&) = delete;
 
     // An empty name matches every name; a null object matches every object.
-    void addObserver(const void* observer, std::string name, const void* object, Handler handler);
+    [[nodiscard]] Observation addObserver(std::string name, const void* object, Handler handler);
 
-    // Removes every registration of the observer.
-    void removeObserver(const void* observer);
-    // Removes the observer's registrations that match name and object, where
-    // an empty name or a null object stands for any.
-    void removeObserver(const void* observer, const std::string& name, const void* object);
-
+    // Handlers run without any lock held: they may post, observe and remove
+    // observations freely. An exception from a handler reaches the poster.
     void post(const Notification& notification);
     void post(std::string name, const void* object, std::map<std::string, std::any> userInfo = {});
 
-    size_t observationCount(const void* observer) const;
+    // How many registrations are in place.
+    size_t observationCount() const;
 
 private:
-    struct Registration {
-        const void* observer;
-        std::string name;
-        const void* object;
-        Handler handler;
-        bool removed = false; // guarded by m_mutex
-    };
+    friend class Observation;
+    void remove(Observation::Registration& registration) noexcept;
 
     mutable std::mutex m_mutex;
-    std::vector<std::shared_ptr<Registration>> m_registrations;
+    std::condition_variable m_deliveryEnded;
+    std::vector<std::shared_ptr<Observation::Registration>> m_registrations;
 };
 
 } // namespace vt

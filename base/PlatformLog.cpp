@@ -2,11 +2,10 @@
 
 #include "base/posix_glue.hpp"
 
+#include <algorithm>
 #include <cerrno>
-#include <cstdarg>
 #include <cstdio>
 #include <ctime>
-#include <vector>
 
 #include <sys/time.h>
 #include <unistd.h>
@@ -15,38 +14,77 @@ namespace vt {
 
 namespace detail {
 
-std::string objectFormatToPrintf(const char* format)
+std::string render(std::string_view format, const std::vector<LogArg>& args)
 {
     std::string out;
-    for (const char* p = format; *p; ++p) {
-        if (p[0] == '%' && p[1] == '%') {
-            out += "%%";
-            ++p;
-        } else if (p[0] == '%' && p[1] == '@') {
-            out += "%s";
-            ++p;
-        } else {
-            out += *p;
+    size_t next = 0;
+    char piece[512];
+    for (size_t at = 0; at < format.size(); ++at) {
+        if (format[at] != '%') {
+            out += format[at];
+            continue;
         }
+        if (at + 1 < format.size() && format[at + 1] == '%') {
+            out += '%';
+            ++at;
+            continue;
+        }
+        Conversion c = readConversion(format, at);
+        at = c.end - 1;
+        // Formats are checked when they are compiled; this only keeps a
+        // format that slipped past the check from reading a wrong argument.
+        if (!c.valid || next >= args.size() || !fits(c, { args[next].kind, 0 })) {
+            out += "<format mismatch>";
+            continue;
+        }
+        const LogArg& arg = args[next++];
+        if (c.type == '@') {
+            out += arg.text;
+            continue;
+        }
+        // The flags, width and precision as written, then a length modifier
+        // that fits the value as it is held here.
+        std::string spec(format.substr(c.begin, c.end - 1 - c.begin));
+        while (!spec.empty() && std::string_view("hlzjtL").find(spec.back()) != std::string_view::npos)
+            spec.pop_back();
+        int length = 0;
+        switch (c.type) {
+        case 's':
+            length = std::snprintf(piece, sizeof piece, (spec + 's').c_str(), arg.text.c_str());
+            if (length >= static_cast<int>(sizeof piece)) {
+                // A long text with a width: nothing to pad, take it whole.
+                out += arg.text;
+                continue;
+            }
+            break;
+        case 'p':
+            length = std::snprintf(piece, sizeof piece, (spec + 'p').c_str(), arg.pointer);
+            break;
+        case 'd': case 'i': case 'u': case 'x': case 'X': case 'o': case 'c': {
+            // Narrowed to the integer the length modifier names, as printf would.
+            unsigned long long bits = arg.kind == ArgKind::Signed ? static_cast<unsigned long long>(arg.integer)
+                                                                  : arg.unsignedInteger;
+            if (c.integerSize < sizeof bits)
+                bits &= (1ULL << (8 * c.integerSize)) - 1;
+            if (c.type == 'c') {
+                length = std::snprintf(piece, sizeof piece, (spec + 'c').c_str(), static_cast<int>(bits & 0xFF));
+            } else if (c.type == 'd' || c.type == 'i') {
+                long long value = static_cast<long long>(bits);
+                if (c.integerSize < sizeof bits && (bits >> (8 * c.integerSize - 1)) & 1)
+                    value = static_cast<long long>(bits) - static_cast<long long>(1ULL << (8 * c.integerSize));
+                length = std::snprintf(piece, sizeof piece, (spec + "ll" + c.type).c_str(), value);
+            } else {
+                length = std::snprintf(piece, sizeof piece, (spec + "ll" + c.type).c_str(), bits);
+            }
+            break;
+        }
+        default:
+            length = std::snprintf(piece, sizeof piece, (spec + c.type).c_str(), arg.floating);
+            break;
+        }
+        if (length > 0)
+            out.append(piece, std::min(static_cast<size_t>(length), sizeof piece - 1));
     }
-    return out;
-}
-
-std::string formatV(const char* printfFormat, ...)
-{
-    va_list args;
-    va_start(args, printfFormat);
-    va_list again;
-    va_copy(again, args);
-    int length = std::vsnprintf(nullptr, 0, printfFormat, args);
-    va_end(args);
-    std::string out;
-    if (length > 0) {
-        std::vector<char> buffer(static_cast<size_t>(length) + 1);
-        std::vsnprintf(buffer.data(), buffer.size(), printfFormat, again);
-        out.assign(buffer.data(), static_cast<size_t>(length));
-    }
-    va_end(again);
     return out;
 }
 
@@ -60,8 +98,8 @@ std::string logLinePrefix()
     localtime_r(&now.tv_sec, &local);
     char stamp[32];
     std::strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", &local);
-    return detail::formatV("%s.%03d %s[%d] ", stamp, static_cast<int>(now.tv_usec / 1000),
-                           program_invocation_short_name, static_cast<int>(getpid()));
+    return formatMessage("%@.%03d %@[%d] ", stamp, static_cast<int>(now.tv_usec / 1000),
+                         program_invocation_short_name, static_cast<int>(getpid()));
 }
 
 void writeLogLine(std::string_view message)

@@ -9,11 +9,11 @@ namespace vt {
 
 bool debugLoggingEnabled();
 
-template <typename... Args> void VTLog(const char* format, const Args&... args)
+template <typename... Args> void VTLog(LogFormat<std::type_identity_t<Args>...> format, const Args&... args)
 {
     if (!debugLoggingEnabled())
         return;
-    platformLog(format, args...);
+    writeLogLine(detail::render(format.text(), { detail::logArg(args)... }));
 }
 
 } // namespace vt

@@ -19,54 +19,7 @@ namespace vt {
 
 namespace {
     Application* sharedApplication = nullptr;
-
-    bool hasNonFileScheme(const std::string& argument)
-    {
-        // A path like "./a:b" or "/x:y" is not a URI, whatever its colons.
-        if (argument.empty() || argument[0] == '/' || argument[0] == '.')
-            return false;
-        GCharPtr scheme(g_uri_parse_scheme(argument.c_str()));
-        return scheme && g_ascii_strcasecmp(scheme.get(), "file") != 0;
-    }
-
-    std::string absolutePathFor(const std::string& argument, const std::filesystem::path& workingDirectory)
-    {
-        if (g_str_has_prefix(argument.c_str(), "file:")) {
-            GCharPtr path(g_filename_from_uri(argument.c_str(), nullptr, nullptr));
-            if (path)
-                return path.get();
-        }
-        std::filesystem::path path(argument);
-        if (path.is_relative())
-            path = workingDirectory / path;
-        return path.lexically_normal().string();
-    }
-
-    std::vector<Event> openingEvents(const std::vector<std::string>& urls, const std::vector<std::string>& files)
-    {
-        std::vector<Event> events;
-        for (const auto& url : urls)
-            events.push_back(Event { Event::Type::OpenURL, { url }, {} });
-        if (!files.empty())
-            events.push_back(Event { Event::Type::OpenFiles, files, {} });
-        if (events.empty())
-            events.push_back(Event { Event::Type::OpenUntitled, {}, {} });
-        return events;
-    }
 } // namespace
-
-std::vector<Event> openingEventsForArguments(const std::vector<std::string>& arguments,
-                                             const std::filesystem::path& workingDirectory)
-{
-    std::vector<std::string> urls, files;
-    for (const auto& argument : arguments) {
-        if (hasNonFileScheme(argument))
-            urls.push_back(argument);
-        else
-            files.push_back(absolutePathFor(argument, workingDirectory));
-    }
-    return openingEvents(urls, files);
-}
 
 // Quit signals are caught on a thread of their own, so that a quit request
 // reaches the launcher even while start-up blocks the main loop.
@@ -110,7 +63,8 @@ private:
             m_pending = true;
         }
         m_cv.notify_all();
-        runOnMain([this] {
+        // The token keeps this from running once the signals are gone.
+        m_mainQueue.post([this] {
             bool pending;
             {
                 std::lock_guard lock(m_mutex);
@@ -129,14 +83,13 @@ private:
     std::mutex m_mutex;
     std::condition_variable m_cv;
     bool m_pending = false;
+    MainQueueToken m_mainQueue;
 };
 
 Application::Application() { sharedApplication = this; }
 
 Application::~Application()
 {
-    if (m_delegate)
-        NotificationCenter::defaultCenter().removeObserver(m_delegate, {}, this);
     if (sharedApplication == this)
         sharedApplication = nullptr;
 }
@@ -151,14 +104,13 @@ void Application::setMainBundle(std::unique_ptr<VTBundle> bundle)
 
 void Application::setDelegate(ApplicationDelegate* delegate)
 {
-    auto& center = NotificationCenter::defaultCenter();
-    if (m_delegate)
-        center.removeObserver(m_delegate, {}, this);
+    m_delegateObservations.clear();
     m_delegate = delegate;
     if (!delegate)
         return;
     auto subscribe = [&](const char* name, void (ApplicationDelegate::*method)()) {
-        center.addObserver(delegate, name, this, [delegate, method](const Notification&) { (delegate->*method)(); });
+        m_delegateObservations.push_back(NotificationCenter::defaultCenter().addObserver(
+            name, this, [delegate, method](const Notification&) { (delegate->*method)(); }));
     };
     subscribe(ApplicationWillFinishLaunchingNotification, &ApplicationDelegate::applicationWillFinishLaunching);
     subscribe(ApplicationDidFinishLaunchingNotification, &ApplicationDelegate::applicationDidFinishLaunching);
@@ -174,18 +126,6 @@ void Application::setGetURLHandler(std::function<void(const std::string&)> handl
 void Application::postNotification(const char* name) { NotificationCenter::defaultCenter().post(name, this); }
 
 void Application::sendEvent(const Event& event) { dispatch(event); }
-
-std::string Event::description() const
-{
-    static const char* const names[] = { "", "open-untitled", "open-files", "open-url", "reopen",
-                                         "activate", "quit-request", "menu-item" };
-    std::string text = names[static_cast<int>(type)];
-    for (const auto& item : items)
-        text += " " + item;
-    if (!action.empty())
-        text += " " + action;
-    return text;
-}
 
 void Application::dispatch(const Event& event)
 {
@@ -276,6 +216,11 @@ void Application::activateIgnoringOtherApps() { VTLog("activate ignoring other a
 
 void Application::exitAfterTermination()
 {
+    m_quitSignals.reset();
+    if (m_gapplication) {
+        if (GDBusConnection* bus = g_application_get_dbus_connection(m_gapplication.get()))
+            g_dbus_connection_flush_sync(bus, nullptr, nullptr);
+    }
     std::fflush(nullptr);
     std::exit(0);
 }
@@ -302,11 +247,22 @@ void Application::finishLaunching(const std::vector<Event>& openingEvents)
     sendEvent(Event { Event::Type::Activate, {}, {} });
 }
 
+void Application::sendEventFromCallback(const Event& event) noexcept
+{
+    try {
+        sendEvent(event);
+    } catch (const std::exception& e) {
+        platformLog("cannot handle the event %@: %s", event, e.what());
+    } catch (...) {
+        platformLog("cannot handle the event %@", event);
+    }
+}
+
 void Application::onOpen(GApplication*, GFile** files, gint count, gchar*, gpointer data) noexcept
 {
     auto* self = static_cast<Application*>(data);
+    std::vector<std::string> urls, paths;
     try {
-        std::vector<std::string> urls, paths;
         for (gint i = 0; i < count; ++i) {
             if (g_file_has_uri_scheme(files[i], "file")) {
                 GCharPtr path(g_file_get_path(files[i]));
@@ -317,22 +273,72 @@ void Application::onOpen(GApplication*, GFile** files, gint count, gchar*, gpoin
                 urls.emplace_back(uri.get());
             }
         }
-        for (const auto& event : openingEvents(urls, paths))
-            self->sendEvent(event);
-    } catch (const std::exception& e) {
-        platformLog("cannot handle a forwarded opening: %s", e.what());
+    } catch (...) {
+        platformLog("cannot take a forwarded opening");
+        return;
     }
+    for (const auto& event : openingEvents(urls, paths))
+        self->sendEventFromCallback(event);
 }
 
 void Application::onActivate(GApplication*, gpointer data) noexcept
 {
     auto* self = static_cast<Application*>(data);
+    self->sendEventFromCallback(Event { Event::Type::Reopen, {}, {} });
+    self->sendEventFromCallback(Event { Event::Type::Activate, {}, {} });
+}
+
+void Application::onQuitAction(GSimpleAction*, GVariant*, gpointer data) noexcept
+{
+    auto* self = static_cast<Application*>(data);
+    // Later, from the main loop: the bus gets its answer when this returns,
+    // and an agreed quit must not end the process before it has gone out.
     try {
-        self->sendEvent(Event { Event::Type::Reopen, {}, {} });
-        self->sendEvent(Event { Event::Type::Activate, {}, {} });
-    } catch (const std::exception& e) {
-        platformLog("cannot handle a forwarded launch: %s", e.what());
+        self->m_mainQueue.post([self] { self->sendEventFromCallback(Event { Event::Type::QuitRequest, {}, {} }); });
+    } catch (...) {
+        platformLog("cannot take the quit action");
     }
+}
+
+void Application::registerWithSessionBus(std::optional<std::string> identifier)
+{
+    GApplicationFlags flags = G_APPLICATION_HANDLES_OPEN;
+    if (!identifier || !g_application_id_is_valid(identifier->c_str())) {
+        identifier.reset();
+        flags = static_cast<GApplicationFlags>(flags | G_APPLICATION_NON_UNIQUE);
+    }
+    m_gapplication = adopt(g_application_new(identifier ? identifier->c_str() : nullptr, flags));
+    // The application object lives as long as this: its handlers need no disconnecting.
+    g_signal_connect(m_gapplication.get(), "open", G_CALLBACK(onOpen), this);
+    g_signal_connect(m_gapplication.get(), "activate", G_CALLBACK(onActivate), this);
+    GPtr<GSimpleAction> quit = adopt(g_simple_action_new("quit", nullptr));
+    g_signal_connect(quit.get(), "activate", G_CALLBACK(onQuitAction), this);
+    g_action_map_add_action(G_ACTION_MAP(m_gapplication.get()), G_ACTION(quit.get()));
+
+    GErrorHolder error;
+    if (!g_application_register(m_gapplication.get(), nullptr, error))
+        platformLog("cannot register %@ with the session bus (%@); running as a separate instance",
+                    identifier.value_or("the launcher"), error.message());
+}
+
+void Application::forwardToRunningLauncher(const std::vector<std::string>& arguments,
+                                           const std::filesystem::path& workingDirectory)
+{
+    if (arguments.empty()) {
+        g_application_activate(m_gapplication.get());
+    } else {
+        std::vector<GPtr<GFile>> files;
+        std::vector<GFile*> raw;
+        for (const auto& argument : arguments) {
+            files.push_back(isURLArgument(argument)
+                                ? adopt(g_file_new_for_uri(argument.c_str()))
+                                : adopt(g_file_new_for_path(absolutePathForArgument(argument, workingDirectory).c_str())));
+            raw.push_back(files.back().get());
+        }
+        g_application_open(m_gapplication.get(), raw.data(), static_cast<gint>(raw.size()), "");
+    }
+    if (GDBusConnection* bus = g_application_get_dbus_connection(m_gapplication.get()))
+        g_dbus_connection_flush_sync(bus, nullptr, nullptr);
 }
 
 int Application::run(int argc, char** argv)
@@ -349,47 +355,11 @@ int Application::run(int argc, char** argv)
         m_mainMenu = defaultMenu();
     }
 
-    std::optional<std::string> identifier = m_mainBundle ? m_mainBundle->bundleIdentifier() : std::nullopt;
-    GApplicationFlags flags = G_APPLICATION_HANDLES_OPEN;
-    if (!identifier || !g_application_id_is_valid(identifier->c_str())) {
-        identifier.reset();
-        flags = static_cast<GApplicationFlags>(flags | G_APPLICATION_NON_UNIQUE);
-    }
-    m_gapplication = adopt(g_application_new(identifier ? identifier->c_str() : nullptr, flags));
-    g_signal_connect(m_gapplication.get(), "open", G_CALLBACK(onOpen), this);
-    g_signal_connect(m_gapplication.get(), "activate", G_CALLBACK(onActivate), this);
-
-    GPtr<GSimpleAction> quit = adopt(g_simple_action_new("quit", nullptr));
-    g_signal_connect(quit.get(), "activate",
-                     G_CALLBACK(+[](GSimpleAction*, GVariant*, gpointer data) noexcept {
-                         static_cast<Application*>(data)->sendEvent(Event { Event::Type::QuitRequest, {}, {} });
-                     }),
-                     this);
-    g_action_map_add_action(G_ACTION_MAP(m_gapplication.get()), G_ACTION(quit.get()));
-
-    GErrorHolder error;
-    if (!g_application_register(m_gapplication.get(), nullptr, error))
-        platformLog("cannot register %@ with the session bus (%@); running as a separate instance",
-                    identifier.value_or("the launcher"), std::string(error.message()));
-
+    registerWithSessionBus(m_mainBundle ? m_mainBundle->bundleIdentifier() : std::nullopt);
     std::filesystem::path workingDirectory = std::filesystem::current_path();
     if (g_application_get_is_remote(m_gapplication.get())) {
         // Another launcher of this bundle runs: hand the opening over to it.
-        if (arguments.empty()) {
-            g_application_activate(m_gapplication.get());
-        } else {
-            std::vector<GPtr<GFile>> files;
-            std::vector<GFile*> raw;
-            for (const auto& argument : arguments) {
-                files.push_back(hasNonFileScheme(argument)
-                                    ? adopt(g_file_new_for_uri(argument.c_str()))
-                                    : adopt(g_file_new_for_path(absolutePathFor(argument, workingDirectory).c_str())));
-                raw.push_back(files.back().get());
-            }
-            g_application_open(m_gapplication.get(), raw.data(), static_cast<gint>(raw.size()), "");
-        }
-        if (GDBusConnection* bus = g_application_get_dbus_connection(m_gapplication.get()))
-            g_dbus_connection_flush_sync(bus, nullptr, nullptr);
+        forwardToRunningLauncher(arguments, workingDirectory);
         return 0;
     }
 

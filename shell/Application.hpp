@@ -18,8 +18,10 @@
 #include <vector>
 
 #include "base/MainLoop.hpp"
-#include "shell/Menu.hpp"
+#include "base/NotificationCenter.hpp"
 #include "base/glib_glue.hpp"
+#include "shell/Event.hpp"
+#include "shell/Menu.hpp"
 
 namespace vt {
 
@@ -43,15 +45,6 @@ inline constexpr const char* ApplicationWillUpdateNotification = "ApplicationWil
 
 enum class TerminateReply { Cancel = 0, Now = 1, Later = 2 };
 enum class OpenReply { Success = 0, Failure = 2 };
-
-struct Event {
-    enum class Type { OpenUntitled = 1, OpenFiles, OpenURL, Reopen, Activate, QuitRequest, MenuItem };
-    Type type;
-    std::vector<std::string> items; // file paths, or the one URL
-    std::string action;             // menu items
-
-    std::string description() const; // for the log: "open-files /a /b"
-};
 
 class Application;
 
@@ -88,7 +81,7 @@ public:
     int run(int argc, char** argv);
 
     // Installs the delegate (not owned) and subscribes it to the life-cycle
-    // notifications it is told about.
+    // notifications it is told about; null removes it.
     void setDelegate(ApplicationDelegate* delegate);
     ApplicationDelegate* delegate() const { return m_delegate; }
 
@@ -128,7 +121,9 @@ public:
     bool sleepDuringLaunch(std::chrono::milliseconds duration);
 
 protected:
-    // Ends the process after an agreed quit.
+    // Ends the process after an agreed quit, with status 0: the quit-signal
+    // thread is stopped first and everything sent on the bus (the answer to
+    // a quit asked for there) is flushed out.
     [[noreturn]] virtual void exitAfterTermination();
 
 private:
@@ -137,11 +132,18 @@ private:
     void postNotification(const char* name);
     void activate();
     void dispatch(const Event& event);
+    // Events from callbacks: an exception stops here, logged.
+    void sendEventFromCallback(const Event& event) noexcept;
+    void registerWithSessionBus(std::optional<std::string> identifier);
+    void forwardToRunningLauncher(const std::vector<std::string>& arguments,
+                                  const std::filesystem::path& workingDirectory);
 
     static void onOpen(GApplication*, GFile**, gint, gchar*, gpointer) noexcept;
     static void onActivate(GApplication*, gpointer) noexcept;
+    static void onQuitAction(GSimpleAction*, GVariant*, gpointer) noexcept;
 
     ApplicationDelegate* m_delegate = nullptr;
+    std::vector<Observation> m_delegateObservations;
     std::function<void(const std::string&)> m_getURLHandler;
     std::unique_ptr<VTBundle> m_mainBundle;
     Menu m_mainMenu;
@@ -151,13 +153,7 @@ private:
     std::unique_ptr<QuitSignals> m_quitSignals;
     bool m_awaitingTerminateReply = false;
     std::optional<OpenReply> m_lastOpenReply;
+    MainQueueToken m_mainQueue;
 };
-
-// The opening events for a launch's arguments: one URL event per argument
-// that is a URI with a scheme other than file, in order, then one open-files
-// event with every other argument as an absolute path; none at all gives an
-// untitled opening.
-std::vector<Event> openingEventsForArguments(const std::vector<std::string>& arguments,
-                                             const std::filesystem::path& workingDirectory);
 
 } // namespace vt

@@ -51,6 +51,24 @@ namespace {
     }
 } // namespace
 
+void replaceInMenuTitles(Menu& menu, std::string_view pattern, const std::string& replacement)
+{
+    auto replaceAll = [&](std::string& text) {
+        for (size_t at = text.find(pattern); at != std::string::npos; at = text.find(pattern, at + replacement.size()))
+            text.replace(at, pattern.size(), replacement);
+    };
+    for (auto& item : menu.items) {
+        if (item.separator)
+            continue;
+        if (item.attributedTitle && !item.attributedTitle->text.empty())
+            replaceAll(item.attributedTitle->text);
+        else
+            replaceAll(item.title);
+        if (item.submenu)
+            replaceInMenuTitles(*item.submenu, pattern, replacement);
+    }
+}
+
 Menu defaultMenu()
 {
     MenuItem quit;

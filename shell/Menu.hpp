@@ -7,6 +7,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace vt {
@@ -35,5 +36,10 @@ struct Menu {
 // gives the default: one item "Quit %@" with the action "quit".
 Menu loadBundleMenu(const std::filesystem::path& bundlePath);
 Menu defaultMenu();
+
+// Replaces every `pattern` in the titles of `menu`, at every depth, with
+// `replacement`; an item's attributed title, when it has a text, stands for
+// its plain title. Separators are left alone.
+void replaceInMenuTitles(Menu& menu, std::string_view pattern, const std::string& replacement);
 
 } // namespace vt

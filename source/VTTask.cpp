@@ -3,7 +3,9 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <condition_variable>
 #include <mutex>
+#include <thread>
 
 #include <fcntl.h>
 #include <spawn.h>
@@ -19,9 +21,12 @@ namespace vt {
 // Shared between a VTTask and the child watch that outlives it: the watch
 // must go on to reap the child after the VTTask is gone.
 struct detail::TaskWatch {
-    std::recursive_mutex mutex;
+    std::mutex mutex;
+    std::condition_variable noticeDelivered;
     VTTask* owner = nullptr; // cleared when the VTTask is destroyed
     std::optional<int> status;
+    // The thread delivering the termination notice, while it does.
+    std::optional<std::thread::id> deliveringThread;
 };
 
 namespace {
@@ -29,20 +34,27 @@ namespace {
     void childEnded(GPid, gint status, gpointer data) noexcept
     {
         auto watch = *static_cast<std::shared_ptr<detail::TaskWatch>*>(data);
-        // Held while posting, so a VTTask being destroyed on another thread
-        // waits rather than leaving a dangling object in the notice; the
-        // lock is recursive because an observer may destroy the task itself.
-        std::lock_guard lock(watch->mutex);
+        std::unique_lock lock(watch->mutex);
         watch->status = status;
-        if (!watch->owner)
+        VTTask* owner = watch->owner;
+        if (!owner)
             return;
+        // Observers run without the lock; a VTTask destroyed meanwhile on
+        // another thread waits in its destructor until the notice is over,
+        // so it never names an object that has gone.
+        watch->deliveringThread = std::this_thread::get_id();
+        lock.unlock();
         try {
-            NotificationCenter::defaultCenter().post(VTTaskDidTerminateNotification, watch->owner);
+            NotificationCenter::defaultCenter().post(VTTaskDidTerminateNotification, owner);
         } catch (const std::exception& e) {
             g_critical("an observer of a task's end threw: %s", e.what());
         } catch (...) {
             g_critical("an observer of a task's end threw");
         }
+        lock.lock();
+        watch->deliveringThread.reset();
+        lock.unlock();
+        watch->noticeDelivered.notify_all();
     }
 
     void deleteWatch(gpointer data) noexcept { delete static_cast<std::shared_ptr<detail::TaskWatch>*>(data); }
@@ -105,14 +117,29 @@ namespace {
 
 } // namespace
 
+std::vector<std::string> argumentsUpToFirstMissing(std::initializer_list<std::optional<std::string>> elements)
+{
+    std::vector<std::string> arguments;
+    for (const auto& element : elements) {
+        if (!element)
+            break;
+        arguments.push_back(*element);
+    }
+    return arguments;
+}
+
 VTTask::VTTask() = default;
 
 VTTask::~VTTask()
 {
-    if (m_watch) {
-        std::lock_guard lock(m_watch->mutex);
-        m_watch->owner = nullptr;
-    }
+    if (!m_watch)
+        return;
+    std::unique_lock lock(m_watch->mutex);
+    m_watch->owner = nullptr;
+    // An observer may destroy the task from inside the notice itself.
+    auto self = std::this_thread::get_id();
+    m_watch->noticeDelivered.wait(
+        lock, [&] { return !m_watch->deliveringThread || *m_watch->deliveringThread == self; });
 }
 
 void VTTask::launch()

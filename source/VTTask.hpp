@@ -7,6 +7,7 @@
 // VTTask as its object.
 #pragma once
 
+#include <initializer_list>
 #include <map>
 #include <memory>
 #include <optional>
@@ -31,6 +32,10 @@ class VTTaskLaunchError : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;
 };
+
+// An argument list that ends at its first missing element, as the product's
+// tools expect when a launcher bundle lacks a key.
+std::vector<std::string> argumentsUpToFirstMissing(std::initializer_list<std::optional<std::string>> elements);
 
 class VTTask {
 public:

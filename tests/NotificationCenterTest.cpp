@@ -1,4 +1,5 @@
 #include <atomic>
+#include <future>
 #include <thread>
 #include <vector>
 
@@ -6,70 +7,63 @@
 
 #include "base/NotificationCenter.hpp"
 
+using namespace std::chrono_literals;
 using vt::Notification;
 using vt::NotificationCenter;
+using vt::Observation;
 
 namespace {
-int senderA, senderB, observer1, observer2;
+int senderA, senderB;
 }
 
-TEST(NotificationCenter, MatchesByNameAndObject)
+TEST(NotificationCenter, MatchesByNameAndObjectAndCarriesUserInfo)
 {
     NotificationCenter center;
     std::vector<std::string> seen;
-    center.addObserver(&observer1, "Ping", &senderA, [&](const Notification& n) { seen.push_back("exact:" + n.name); });
-    center.addObserver(&observer1, "Ping", nullptr, [&](const Notification& n) { seen.push_back("any-object:" + n.name); });
-    center.addObserver(&observer2, "", &senderA, [&](const Notification& n) { seen.push_back("any-name:" + n.name); });
-
-    center.post("Ping", &senderA);
-    center.post("Ping", &senderB);
-    center.post("Pong", &senderA);
-    center.post("Pong", &senderB);
-
-    EXPECT_EQ(seen, (std::vector<std::string> { "exact:Ping", "any-object:Ping", "any-name:Ping",
-                                                "any-object:Ping", "any-name:Pong" }));
-}
-
-TEST(NotificationCenter, CarriesUserInfo)
-{
-    NotificationCenter center;
-    std::string architecture;
-    center.addObserver(&observer1, "Rejected", nullptr, [&](const Notification& n) {
-        architecture = std::any_cast<std::string>(n.userInfo.at("Arch"));
+    auto exact = center.addObserver("Ping", &senderA, [&](const Notification& n) { seen.push_back("exact:" + n.name); });
+    auto anyObject = center.addObserver("Ping", nullptr, [&](const Notification& n) {
+        seen.push_back("any-object:" + std::any_cast<std::string>(n.userInfo.at("key")));
     });
-    center.post("Rejected", &senderA, { { "Arch", std::string("i386") } });
-    EXPECT_EQ(architecture, "i386");
+    auto anyName = center.addObserver("", &senderA, [&](const Notification& n) { seen.push_back("any-name:" + n.name); });
+
+    center.post("Ping", &senderA, { { "key", std::string("value") } });
+    center.post("Pong", &senderA);
+    center.post("Ping", &senderB, { { "key", std::string("b") } });
+    EXPECT_EQ(seen, (std::vector<std::string> { "exact:Ping", "any-object:value", "any-name:Ping", "any-name:Pong",
+                                                "any-object:b" }));
 }
 
-TEST(NotificationCenter, RemovesAllOrByNameOrByObject)
+TEST(NotificationCenter, AnObservationEndsWithItsObjectOrByMoveAndReset)
 {
     NotificationCenter center;
     int calls = 0;
-    auto count = [&](const Notification&) { ++calls; };
-    center.addObserver(&observer1, "A", &senderA, count);
-    center.addObserver(&observer1, "A", &senderB, count);
-    center.addObserver(&observer1, "B", &senderA, count);
-    center.addObserver(&observer2, "A", &senderA, count);
-
-    center.removeObserver(&observer1, "A", &senderB);
-    EXPECT_EQ(center.observationCount(&observer1), 2u);
-    center.removeObserver(&observer1, "", &senderA); // every name from senderA
-    EXPECT_EQ(center.observationCount(&observer1), 0u);
-
-    center.post("A", &senderA);
-    EXPECT_EQ(calls, 1); // observer2 only
-
-    center.removeObserver(&observer2);
-    center.post("A", &senderA);
+    {
+        auto scoped = center.addObserver("A", nullptr, [&](const Notification&) { ++calls; });
+        center.post("A", nullptr);
+    }
+    center.post("A", nullptr);
     EXPECT_EQ(calls, 1);
+
+    Observation kept = center.addObserver("A", nullptr, [&](const Notification&) { ++calls; });
+    Observation moved = std::move(kept);
+    center.post("A", nullptr);
+    EXPECT_EQ(calls, 2);
+    moved = center.addObserver("B", nullptr, [&](const Notification&) { calls += 10; });
+    EXPECT_EQ(center.observationCount(), 1u) << "assigning over an observation ends the old one";
+    moved.reset();
+    center.post("A", nullptr);
+    center.post("B", nullptr);
+    EXPECT_EQ(calls, 2);
+    EXPECT_EQ(center.observationCount(), 0u);
 }
 
-TEST(NotificationCenter, ObserverRemovedDuringPostIsNotCalled)
+TEST(NotificationCenter, ObserverRemovedDuringAPostIsNotCalled)
 {
     NotificationCenter center;
     bool secondCalled = false;
-    center.addObserver(&observer1, "N", nullptr, [&](const Notification&) { center.removeObserver(&observer2); });
-    center.addObserver(&observer2, "N", nullptr, [&](const Notification&) { secondCalled = true; });
+    Observation second;
+    auto first = center.addObserver("N", nullptr, [&](const Notification&) { second.reset(); });
+    second = center.addObserver("N", nullptr, [&](const Notification&) { secondCalled = true; });
     center.post("N", nullptr);
     EXPECT_FALSE(secondCalled);
 }
@@ -78,11 +72,35 @@ TEST(NotificationCenter, HandlerMayRemoveItselfAndPostAgain)
 {
     NotificationCenter center;
     int calls = 0;
-    center.addObserver(&observer1, "N", nullptr, [&](const Notification&) {
+    Observation self;
+    self = center.addObserver("N", nullptr, [&](const Notification&) {
         ++calls;
-        center.removeObserver(&observer1);
+        self.reset();
         center.post("N", nullptr);
     });
+    center.post("N", nullptr);
+    EXPECT_EQ(calls, 1);
+}
+
+TEST(NotificationCenter, RemovalOnAnotherThreadWaitsForARunningHandler)
+{
+    NotificationCenter center;
+    std::promise<void> entered;
+    std::atomic<bool> handlerFinished { false };
+    std::atomic<int> calls { 0 };
+    auto observation = center.addObserver("N", nullptr, [&](const Notification&) {
+        if (++calls == 1)
+            entered.set_value();
+        // Widens the window in which the removal below must wait.
+        std::this_thread::sleep_for(50ms);
+        handlerFinished = true;
+    });
+
+    std::thread poster([&] { center.post("N", nullptr); });
+    entered.get_future().wait();
+    observation.reset();
+    EXPECT_TRUE(handlerFinished) << "the removal returned while its handler still ran";
+    poster.join();
     center.post("N", nullptr);
     EXPECT_EQ(calls, 1);
 }
@@ -93,7 +111,7 @@ TEST(NotificationCenter, DeliversOnThePostingThreadUnderConcurrentUse)
     std::atomic<int> delivered { 0 };
     std::atomic<int> wrongThread { 0 };
     thread_local std::thread::id poster;
-    center.addObserver(&observer1, "N", nullptr, [&](const Notification&) {
+    auto counting = center.addObserver("N", nullptr, [&](const Notification&) {
         if (std::this_thread::get_id() != poster)
             ++wrongThread;
         ++delivered;
@@ -101,20 +119,17 @@ TEST(NotificationCenter, DeliversOnThePostingThreadUnderConcurrentUse)
 
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t) {
-        threads.emplace_back([&, t] {
+        threads.emplace_back([&] {
             poster = std::this_thread::get_id();
-            int mine;
             for (int i = 0; i < 500; ++i) {
-                center.addObserver(&mine, "Other", nullptr, [](const Notification&) {});
+                auto mine = center.addObserver("Other", nullptr, [](const Notification&) {});
                 center.post("N", &center);
-                center.removeObserver(&mine);
             }
-            (void)t;
         });
     }
     for (auto& thread : threads)
         thread.join();
     EXPECT_EQ(delivered.load(), 2000);
     EXPECT_EQ(wrongThread.load(), 0);
-    EXPECT_EQ(center.observationCount(&observer1), 1u);
+    EXPECT_EQ(center.observationCount(), 1u);
 }

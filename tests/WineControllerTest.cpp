@@ -1,5 +1,6 @@
 // The Wine controller seam: what a driver registered through the C function
 // receives, and in which order relative to the launcher's own dispatch.
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -7,6 +8,7 @@
 
 #include "app/VTFBHelperApp.hpp"
 #include "base/NotificationCenter.hpp"
+#include "standin/kit/TestSupport.hpp"
 #include "vtlauncher/wine_controller.h"
 
 using vt::Event;
@@ -41,6 +43,7 @@ Recorder& recorder(void* context) { return *static_cast<Recorder*>(context); }
 vt_wine_controller fullController(Recorder& rec)
 {
     vt_wine_controller c {};
+    c.size = sizeof c;
     c.context = &rec;
     c.handle_event = [](void* ctx, const vt_event* e) {
         recorder(ctx).calls.push_back("handle " + std::to_string(e->type));
@@ -79,6 +82,7 @@ TEST(WineController, ReceivesExactlyTheNotificationsItImplements)
     TestApp app;
     Recorder rec;
     vt_wine_controller controller {};
+    controller.size = sizeof controller;
     controller.context = &rec;
     controller.application_did_hide = [](void* ctx) { recorder(ctx).calls.push_back("did-hide"); };
     controller.application_will_update = [](void* ctx) { recorder(ctx).calls.push_back("will-update"); };
@@ -110,7 +114,7 @@ TEST(WineController, ReplacingOrClearingLeavesNoOldRegistration)
     EXPECT_EQ(second.calls, (std::vector<std::string> { "did-become-active", "will-become-active", "will-terminate" }));
 
     vt_set_wine_controller(nullptr);
-    EXPECT_EQ(app.wineController(), nullptr);
+    EXPECT_FALSE(app.hasWineController());
     second.calls.clear();
     app.sendEvent(Event { Event::Type::Activate, {}, {} });
     EXPECT_TRUE(second.calls.empty());
@@ -139,6 +143,7 @@ TEST(WineController, EventCarriesItsItemsToC)
     static std::vector<std::string> seen;
     seen.clear();
     vt_wine_controller controller {};
+    controller.size = sizeof controller;
     controller.handle_event = [](void*, const vt_event* e) {
         for (size_t i = 0; i < e->item_count; ++i)
             seen.emplace_back(e->items[i]);
@@ -165,6 +170,40 @@ TEST(WineController, AnswersTheQuitQuestionItselfIncludingLater)
     rec.calls.clear();
     EXPECT_THROW(app.replyToApplicationShouldTerminate(true), Terminated);
     EXPECT_EQ(rec.calls, (std::vector<std::string> { "will-terminate" }));
+}
+
+TEST(WineController, AnAnswerThatIsNoReplyCancelsTheQuit)
+{
+    TestApp app(true);
+    vt_wine_controller controller {};
+    controller.size = sizeof controller;
+    controller.should_terminate = [](void*) { return static_cast<vt_terminate_reply>(7); };
+    vt_set_wine_controller(&controller);
+    vt::test::StderrCapture capture;
+    EXPECT_NO_THROW(app.terminate()) << "nothing was agreed: the launcher goes on";
+    EXPECT_NE(capture.text().find("answered the quit question with 7, which is no reply; the quit is cancelled."),
+              std::string::npos)
+        << capture.text();
+}
+
+TEST(WineController, ADriverBuiltAgainstAShorterHeaderKeepsWorking)
+{
+    TestApp app;
+    Recorder rec;
+    vt_wine_controller controller = fullController(rec);
+    // Built when the structure ended after handle_event: nothing later is read.
+    controller.size = offsetof(vt_wine_controller, did_send_event);
+    vt_set_wine_controller(&controller);
+    app.sendEvent(Event { Event::Type::Activate, {}, {} });
+    EXPECT_EQ(rec.calls, (std::vector<std::string> { "handle 5" }));
+
+    vt_wine_controller tooSmall = fullController(rec);
+    tooSmall.size = sizeof(size_t);
+    vt::test::StderrCapture capture;
+    vt_set_wine_controller(&tooSmall);
+    EXPECT_FALSE(app.hasWineController());
+    EXPECT_NE(capture.text().find("vt_set_wine_controller: a controller of 8 bytes is too small to register"),
+              std::string::npos);
 }
 
 TEST(WineController, WithoutControllerAQuitWithNothingRunningTerminatesNow)

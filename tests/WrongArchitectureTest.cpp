@@ -47,7 +47,7 @@ TEST(WrongArchitecture, HandsTheEntryBackToVtmenuWithTheServersEnvironmentOnly)
     TestApp app;
     app.setMainBundle(VTBundle::bundleWithPath(dir / "Notepad.app"));
     app.helperDelegate().applicationWillFinishLaunching();
-    ASSERT_EQ(app.helperDelegate().vtmenuPath(), (mainApp / "Contents/SharedSupport/Vantor/bin/vtmenu").string());
+    ASSERT_EQ(app.helperDelegate().settings().vtmenuPath, (mainApp / "Contents/SharedSupport/Vantor/bin/vtmenu").string());
 
     std::thread connection([&] {
         app.helperDelegate().wineLoaderRejectedRequestForWrongArchitecture(Notification {
@@ -63,5 +63,5 @@ TEST(WrongArchitecture, HandsTheEntryBackToVtmenuWithTheServersEnvironmentOnly)
     EXPECT_EQ(menu.environment, serverEnvironment) << "none of the launcher's own variables";
     EXPECT_EQ(std::filesystem::path(menu.directory), std::filesystem::current_path());
     EXPECT_EQ(menu.standardInput, "null");
-    EXPECT_TRUE(app.helperDelegate().taskArray().empty()) << "it is not tracked";
+    EXPECT_FALSE(app.helperDelegate().program().isRunning()) << "it is not tracked";
 }

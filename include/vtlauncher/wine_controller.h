@@ -3,8 +3,9 @@
  * launcher's life once Wine runs inside the launcher process.
  *
  * The driver fills a vt_wine_controller with the callbacks it implements
- * (a null callback is one it does not answer) and registers it with
- * vt_set_wine_controller(), on the main thread. From then on every event of
+ * (a null callback is one it does not answer), sets `size` to
+ * sizeof(vt_wine_controller) and registers it with vt_set_wine_controller(),
+ * on the main thread. From then on every event of
  * the launcher is offered to handle_event first; did_send_event follows the
  * launcher's own dispatch of every event that was not consumed; and the
  * driver receives exactly those life-cycle notifications whose callbacks it
@@ -50,6 +51,11 @@ typedef enum vt_terminate_reply {
 typedef void (*vt_notification_callback)(void* context);
 
 typedef struct vt_wine_controller {
+    /* sizeof(vt_wine_controller) as the driver was built. The structure only
+     * ever grows at its end: the launcher reads no field beyond `size`, so a
+     * driver built against an older header keeps working, its missing
+     * callbacks counted as not answered. */
+    size_t size;
     void* context;
 
     bool (*handle_event)(void* context, const vt_event* event); /* true: consumed */
@@ -71,12 +77,15 @@ typedef struct vt_wine_controller {
     vt_notification_callback application_will_unhide;
     vt_notification_callback application_will_update;
 
-    /* Questions that expect an answer. */
+    /* Questions that expect an answer. An answer to should_terminate that is
+     * none of the three replies is logged and taken as VT_TERMINATE_CANCEL:
+     * a quit that nobody clearly agreed to must not lose the user's work. */
     vt_terminate_reply (*should_terminate)(void* context);
     bool (*should_handle_reopen)(void* context, bool has_visible_windows);
 } vt_wine_controller;
 
 /* Registers `controller` (copied), replacing any earlier one; NULL clears.
+ * A controller whose `size` does not reach past `context` is refused (logged).
  * Main thread only. */
 VT_EXPORT void vt_set_wine_controller(const vt_wine_controller* controller);
 

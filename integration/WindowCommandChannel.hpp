@@ -1,0 +1,73 @@
+// The window-command channel to the Windows side: a long-running tool
+// ("sendwndcmd" under the product's wine) that reads one request line per
+// command on its standard input and writes one answer per command on its
+// standard output. Commands address the windows tagged with this launcher's
+// window tag.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "base/NotificationCenter.hpp"
+#include "integration/TrayIconEntry.hpp"
+#include "source/VTTask.hpp"
+
+namespace vt {
+
+// This launcher's window tag: its process id. The Windows side finds it in
+// VT_WINDOW_TAG; every window command and every raise request carries it.
+int windowTag();
+
+// The tool's argument list for the product's wine; it ends early without a
+// bottle name.
+std::vector<std::string> windowCommandToolArguments(const std::optional<std::string>& bottleName);
+
+// One request: "-t <tag> -c <identifier> -a <text>\n", the text as it stands.
+std::string windowCommandRequest(int tag, std::string_view identifier, std::string_view text);
+
+// The answer to the command `identifier`, read as one piece: "<identifier>:<n>"
+// (a line end after n allowed) gives whether n, read as a leading integer, is
+// not 0. Anything else is a mismatch and gives nothing: another identifier, a
+// second colon, two answers in one piece or half of one.
+std::optional<bool> parseWindowCommandAnswer(std::string_view answer, std::string_view identifier);
+
+// "activatesystray -h <hwnd> -m <callbackmessage> -s <id>": a click on a tray icon.
+std::string activateSystrayCommand(const TrayIconEntry& icon);
+
+class WindowCommandChannel {
+public:
+    // `toolEnded` runs on the main thread when the tool's process has ended,
+    // after the channel has let go of it.
+    explicit WindowCommandChannel(std::function<void()> toolEnded);
+    WindowCommandChannel(const WindowCommandChannel&) = delete;
+    WindowCommandChannel& operator=(const WindowCommandChannel&) = delete;
+
+    // Launches the tool's task (made but not launched; a previous one is let
+    // go) with pipes on its standard input and output. False, logged, when it
+    // cannot run: the launcher then runs without the channel.
+    bool start(std::unique_ptr<VTTask> task);
+
+    // Sends one command and waits, without limit, for its answer; true when
+    // the tool confirms it. False without a tool or its pipes (nothing is
+    // written then), and on a mismatch, which is logged. Commands go strictly
+    // one at a time, so one read is the whole answer.
+    bool sendMessageToTaggedWindows(const std::string& text);
+
+    const VTTask* task() const { return m_task.get(); }
+    // The tool's end is no longer reported (the launcher is ending).
+    void stopObservingEnd() { m_taskEnded.reset(); }
+
+private:
+    std::function<void()> m_toolEnded;
+    std::unique_ptr<VTTask> m_task;
+    Observation m_taskEnded;
+    // Identifies commands; only grows, over the whole process.
+    int32_t m_commandID = 0;
+};
+
+} // namespace vt
