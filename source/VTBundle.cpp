@@ -76,8 +76,10 @@ std::optional<std::string> VTBundle::bundleIdentifier() const
 
 std::optional<std::filesystem::path> VTBundle::executablePath() const
 {
+    // A file name, nothing more: an absolute name or one with a '/' would
+    // reach out of the bundle's MacOS folder.
     auto name = stringForInfoDictionaryKey("CFBundleExecutable");
-    if (!name || name->empty())
+    if (!name || name->empty() || *name == "." || *name == ".." || name->find('/') != std::string::npos)
         return std::nullopt;
     return m_path / "Contents" / "MacOS" / *name;
 }

@@ -42,7 +42,8 @@ public:
     // CFBundleIdentifier, when it is a string.
     std::optional<std::string> bundleIdentifier() const;
     // B/Contents/MacOS/<CFBundleExecutable>; empty when the bundle names no
-    // executable. Whether the file exists is not checked.
+    // executable or names it by anything but a plain file name (an absolute
+    // path, one with a '/', "." or ".."). Whether the file exists is not checked.
     std::optional<std::filesystem::path> executablePath() const;
 
     const std::filesystem::path& bundlePath() const { return m_path; }

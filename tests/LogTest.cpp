@@ -1,3 +1,4 @@
+#include <cstdint>
 #include <regex>
 #include <sstream>
 #include <thread>
@@ -40,6 +41,20 @@ TEST(PlatformLog, WritesOneStampedLineWithObjectsFilledIn)
     std::smatch match;
     ASSERT_TRUE(std::regex_match(text, match, line)) << text;
     EXPECT_EQ(std::stoi(match[1]), getpid());
+}
+
+TEST(PlatformLog, FormatsNumbersAndTextsAsPrintfWould)
+{
+    int calls = 0;
+    EXPECT_EQ(vt::formatMessage("[%5d|%-4s|%03u|%x|%c|%.2f|%zu|%lld|%@]", -42, "ab", 7u, 255, 'z', 3.14159,
+                                sizeof(int32_t), -1LL << 40, Described { &calls }),
+              "[  -42|ab  |007|ff|z|3.14|4|-1099511627776|described]");
+    // Read with the signedness of the conversion at the width it names, as printf does.
+    EXPECT_EQ(vt::formatMessage("%u %hhu %d %hd", -1, static_cast<signed char>(-56), 4000000000u,
+                                static_cast<unsigned short>(65535)),
+              "4294967295 200 -294967296 -1");
+    EXPECT_EQ(vt::formatMessage("%@", std::string(1000, 'x')).size(), 1000u);
+    EXPECT_EQ(vt::formatMessage("%s", std::string(1000, 'y')).size(), 1000u);
 }
 
 TEST(PlatformLog, KeepsTheMessagesOwnLineEndSingle)

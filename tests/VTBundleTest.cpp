@@ -55,6 +55,19 @@ TEST(VTBundle, ReadsTheInformationDictionary)
     EXPECT_EQ(bundle->objectForInfoDictionaryKey("CFBundleName"), nullptr);
 }
 
+TEST(VTBundle, NamesNoExecutableOutsideItsOwnMacOSFolder)
+{
+    TempDir dir;
+    // Only a plain file name counts: anything else would let an Info.plist
+    // start a program that is not in its bundle.
+    for (const char* name : { "/bin/sh", "../../evil", "sub/Tool", "..", ".", "" }) {
+        vt::test::writeInfoPlist(dir / "A.app", { { "CFBundleExecutable", name } });
+        auto bundle = VTBundle::bundleWithPath(dir / "A.app");
+        ASSERT_TRUE(bundle);
+        EXPECT_EQ(bundle->executablePath(), std::nullopt) << name;
+    }
+}
+
 TEST(VTBundle, ReadsABinaryInfoPlist)
 {
     TempDir dir;

@@ -1,0 +1,75 @@
+// What the application object makes of its command line and of the events
+// that reach it: opening events, menu items, activation.
+#include <gtest/gtest.h>
+
+#include "base/NotificationCenter.hpp"
+#include "shell/Application.hpp"
+#include "standin/kit/TestSupport.hpp"
+
+using namespace vt;
+
+namespace {
+
+std::vector<std::string> described(const std::vector<Event>& events)
+{
+    std::vector<std::string> texts;
+    for (const auto& event : events)
+        texts.push_back(event.description());
+    return texts;
+}
+
+class RecordingDelegate : public ApplicationDelegate {
+public:
+    std::vector<std::string> calls;
+    TerminateReply applicationShouldTerminate(Application&) override
+    {
+        calls.push_back("should-terminate");
+        return TerminateReply::Cancel;
+    }
+    void applicationDidBecomeActive() override { calls.push_back("did-become-active"); }
+};
+
+} // namespace
+
+TEST(OpeningEvents, ArgumentsAreURLsInOrderThenOneOpeningOfAllFiles)
+{
+    EXPECT_EQ(described(openingEventsForArguments({}, "/home/u")), (std::vector<std::string> { "open-untitled" }));
+    EXPECT_EQ(described(openingEventsForArguments(
+                  { "b.txt", "https://example.com/a?b", "/abs/c d.txt", "mailto:x@example.com", "file:///a%20b/%C3%A9" },
+                  "/home/u")),
+              (std::vector<std::string> { "open-url https://example.com/a?b", "open-url mailto:x@example.com",
+                                          "open-files /home/u/b.txt /abs/c d.txt /a b/\xC3\xA9" }));
+}
+
+TEST(OpeningEvents, NamesThatLookLikeOptionsOrSchemesAreFiles)
+{
+    // The launcher has no options of its own: "--help" is a document.
+    EXPECT_EQ(described(openingEventsForArguments({ "--help", "-v", "./a:b", "x/../y:z", "/x:y" }, "/w")),
+              (std::vector<std::string> { "open-files /w/--help /w/-v /w/a:b /w/y:z /x:y" }));
+}
+
+TEST(ApplicationEvents, MenuItemsQuitActivateOrHide)
+{
+    Application app;
+    RecordingDelegate delegate;
+    app.setDelegate(&delegate);
+    std::vector<std::string> posted;
+    auto observation = NotificationCenter::defaultCenter().addObserver(
+        "", &app, [&](const Notification& n) { posted.push_back(n.name); });
+
+    app.sendEvent(Event { Event::Type::MenuItem, {}, "quit" });
+    app.sendEvent(Event { Event::Type::MenuItem, {}, "activate" });
+    EXPECT_EQ(delegate.calls, (std::vector<std::string> { "should-terminate", "did-become-active" }));
+    EXPECT_EQ(posted, (std::vector<std::string> { ApplicationWillBecomeActiveNotification,
+                                                  ApplicationDidBecomeActiveNotification }));
+
+    test::ScopedEnvironment environment;
+    environment.set("VT_LOG", "1");
+    test::StderrCapture capture;
+    app.sendEvent(Event { Event::Type::MenuItem, {}, "hide" });
+    app.sendEvent(Event { Event::Type::MenuItem, {}, "no-such-action" });
+    EXPECT_NE(capture.text().find("] event: menu-item hide\n"), std::string::npos) << capture.text();
+    EXPECT_NE(capture.text().find("] hide\n"), std::string::npos) << capture.text();
+    EXPECT_EQ(delegate.calls.size(), 2u) << "an unknown action does nothing";
+    app.setDelegate(nullptr);
+}
