@@ -44,6 +44,24 @@ private:
     int m_fd = -1;
 };
 
+// Hands a unique_ptr to a C function that reports a new object through an
+// out-parameter (T**): the object is owned from the moment the call returns,
+// whatever the caller does next. Use as a temporary: f(outPtr(owner)).
+template <typename Owner> class OutPtr {
+public:
+    explicit OutPtr(Owner& owner) noexcept : m_owner(owner) {}
+    OutPtr(const OutPtr&) = delete;
+    OutPtr& operator=(const OutPtr&) = delete;
+    ~OutPtr() { m_owner.reset(m_raw); }
+    operator typename Owner::pointer*() noexcept { return &m_raw; }
+
+private:
+    Owner& m_owner;
+    typename Owner::pointer m_raw = nullptr;
+};
+
+template <typename Owner> OutPtr<Owner> outPtr(Owner& owner) noexcept { return OutPtr<Owner>(owner); }
+
 // Writes all of `length` bytes, going on after interruptions and partial
 // writes; false (with errno set) when a write fails.
 inline bool writeAll(int fd, const void* bytes, size_t length)

@@ -1,6 +1,7 @@
 #include "shell/HelperServerClient.hpp"
 
 #include "base/VTLog.hpp"
+#include "base/posix_glue.hpp"
 
 namespace vt {
 
@@ -52,13 +53,12 @@ std::map<std::string, std::string> HelperServerClient::getEnvironmentForXConnect
 {
     GPtr<GVariant> reply = call("GetEnvironmentForXConnection", nullptr, G_VARIANT_TYPE("(a{ss})"));
     std::map<std::string, std::string> environment;
-    GVariantIter* entries = nullptr;
-    g_variant_get(reply.get(), "(a{ss})", &entries);
+    GVariantIterPtr entries;
+    g_variant_get(reply.get(), "(a{ss})", static_cast<GVariantIter**>(outPtr(entries)));
     const char* name = nullptr;
     const char* value = nullptr;
-    while (g_variant_iter_next(entries, "{&s&s}", &name, &value))
+    while (g_variant_iter_next(entries.get(), "{&s&s}", &name, &value))
         environment[name] = value;
-    g_variant_iter_free(entries);
     return environment;
 }
 

@@ -51,15 +51,13 @@ namespace {
     std::optional<PlistValue> dictFromNode(plist_t node)
     {
         PlistDict dict;
-        plist_dict_iter iterator = nullptr;
-        plist_dict_new_iter(node, &iterator);
-        std::unique_ptr<void, MallocFree> ownedIterator(iterator);
+        std::unique_ptr<void, MallocFree> iterator;
+        plist_dict_new_iter(node, outPtr(iterator));
         uint32_t size = plist_dict_get_size(node);
+        std::unique_ptr<char, MallocFree> key;
         for (uint32_t i = 0; i < size; ++i) {
-            char* rawKey = nullptr;
             plist_t item = nullptr;
-            plist_dict_next_item(node, iterator, &rawKey, &item);
-            std::unique_ptr<char, MallocFree> key(rawKey);
+            plist_dict_next_item(node, iterator.get(), outPtr(key), &item);
             if (!key || !item)
                 return std::nullopt;
             if (plist_get_node_type(item) == PLIST_UID)
@@ -165,9 +163,8 @@ std::optional<PlistValue> parsePropertyList(const void* bytes, size_t length)
 {
     if (!bytes || length == 0 || length > std::numeric_limits<uint32_t>::max())
         return std::nullopt;
-    plist_t raw = nullptr;
-    plist_from_memory(static_cast<const char*>(bytes), static_cast<uint32_t>(length), &raw);
-    PlistNode root(raw);
+    PlistNode root;
+    plist_from_memory(static_cast<const char*>(bytes), static_cast<uint32_t>(length), outPtr(root));
     if (!root)
         return std::nullopt;
     return fromNode(root.get());
@@ -204,26 +201,27 @@ std::optional<PlistValue> readPropertyListFile(const std::filesystem::path& path
     return parsePropertyList(contents.data(), contents.size());
 }
 
-std::string toXmlPropertyList(const PlistValue& value)
-{
-    PlistNode root(toNode(value));
-    char* text = nullptr;
-    uint32_t length = 0;
-    plist_to_xml(root.get(), &text, &length);
-    std::string out = text ? std::string(text, length) : std::string();
-    plist_to_xml_free(text);
-    return out;
-}
+namespace {
+    template <void (*Free)(char*)> struct PlistTextFree {
+        void operator()(char* text) const noexcept { Free(text); }
+    };
+
+    template <void (*Convert)(plist_t, char**, uint32_t*), void (*Free)(char*)>
+    std::string documentOf(const PlistValue& value)
+    {
+        PlistNode root(toNode(value));
+        std::unique_ptr<char, PlistTextFree<Free>> text;
+        uint32_t length = 0;
+        Convert(root.get(), outPtr(text), &length);
+        return text ? std::string(text.get(), length) : std::string();
+    }
+} // namespace
+
+std::string toXmlPropertyList(const PlistValue& value) { return documentOf<plist_to_xml, plist_to_xml_free>(value); }
 
 std::string toBinaryPropertyList(const PlistValue& value)
 {
-    PlistNode root(toNode(value));
-    char* bytes = nullptr;
-    uint32_t length = 0;
-    plist_to_bin(root.get(), &bytes, &length);
-    std::string out = bytes ? std::string(bytes, length) : std::string();
-    plist_to_bin_free(bytes);
-    return out;
+    return documentOf<plist_to_bin, plist_to_bin_free>(value);
 }
 
 } // namespace vt
