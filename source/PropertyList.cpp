@@ -28,22 +28,29 @@ namespace {
 
     std::optional<PlistValue> fromNode(plist_t node);
 
+    // Converts a container's item and hands it to `add`; false when it
+    // cannot be read. A UID has no place in our values: the container closes up.
+    template <typename Add> bool addItem(plist_t item, Add&& add)
+    {
+        if (!item)
+            return false;
+        if (plist_get_node_type(item) == PLIST_UID)
+            return true;
+        auto value = fromNode(item);
+        if (!value)
+            return false;
+        add(*value);
+        return true;
+    }
+
     std::optional<PlistValue> arrayFromNode(plist_t node)
     {
         PlistArray array;
         uint32_t size = plist_array_get_size(node);
         array.reserve(size);
         for (uint32_t i = 0; i < size; ++i) {
-            plist_t item = plist_array_get_item(node, i);
-            if (!item)
+            if (!addItem(plist_array_get_item(node, i), [&](PlistValue& value) { array.push_back(std::move(value)); }))
                 return std::nullopt;
-            // A UID has no place in our values; the array closes up.
-            if (plist_get_node_type(item) == PLIST_UID)
-                continue;
-            auto value = fromNode(item);
-            if (!value)
-                return std::nullopt;
-            array.push_back(std::move(*value));
         }
         return PlistValue(std::move(array));
     }
@@ -58,14 +65,9 @@ namespace {
         for (uint32_t i = 0; i < size; ++i) {
             plist_t item = nullptr;
             plist_dict_next_item(node, iterator.get(), outPtr(key), &item);
-            if (!key || !item)
+            if (!key
+                || !addItem(item, [&](PlistValue& value) { dict.insert_or_assign(key.get(), std::move(value)); }))
                 return std::nullopt;
-            if (plist_get_node_type(item) == PLIST_UID)
-                continue;
-            auto value = fromNode(item);
-            if (!value)
-                return std::nullopt;
-            dict.insert_or_assign(key.get(), std::move(*value));
         }
         return PlistValue(std::move(dict));
     }
