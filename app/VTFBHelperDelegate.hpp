@@ -57,7 +57,6 @@ public:
 
     const LauncherSettings& settings() const { return m_settings; }
     WindowsProgram& program() { return m_program; }
-    WindowCommandChannel& windowCommands() { return m_windowCommands; }
 
 private:
     std::optional<std::string> infoString(const char* key) const;

@@ -75,7 +75,6 @@ public:
 
     // Whether a tracked process still runs.
     bool isRunning() const { return !m_taskArray.empty(); }
-    size_t processCount() const { return m_taskArray.size(); }
     // Ends are no longer reported (the launcher is ending).
     void stopObservingEnds();
 

@@ -115,10 +115,4 @@ void NotificationCenter::post(const Notification& notification)
     }
 }
 
-size_t NotificationCenter::observationCount() const
-{
-    std::lock_guard lock(m_mutex);
-    return m_registrations.size();
-}
-
 } // namespace vt

@@ -71,14 +71,11 @@ public:
     void post(const Notification& notification);
     void post(std::string name, const void* object, std::map<std::string, std::any> userInfo = {});
 
-    // How many registrations are in place.
-    size_t observationCount() const;
-
 private:
     friend class Observation;
     void remove(Observation::Registration& registration) noexcept;
 
-    mutable std::mutex m_mutex;
+    std::mutex m_mutex;
     std::condition_variable m_deliveryEnded;
     std::vector<std::shared_ptr<Observation::Registration>> m_registrations;
 };

@@ -205,7 +205,6 @@ void Application::replyToApplicationShouldTerminate(bool shouldTerminate)
 
 void Application::replyToOpenOrPrint(OpenReply reply)
 {
-    m_lastOpenReply = reply;
     VTLog("open reply %d", static_cast<int>(reply));
 }
 

@@ -95,7 +95,6 @@ public:
     void terminate();
     void replyToApplicationShouldTerminate(bool shouldTerminate);
     void replyToOpenOrPrint(OpenReply reply);
-    std::optional<OpenReply> lastOpenReply() const { return m_lastOpenReply; }
 
     // The launcher has no window of its own: these are logged and nothing else.
     void hide();
@@ -152,7 +151,6 @@ private:
     GPtr<GMainLoop> m_loop;
     std::unique_ptr<QuitSignals> m_quitSignals;
     bool m_awaitingTerminateReply = false;
-    std::optional<OpenReply> m_lastOpenReply;
     MainQueueToken m_mainQueue;
 };
 

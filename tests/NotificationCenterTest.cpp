@@ -49,12 +49,11 @@ TEST(NotificationCenter, AnObservationEndsWithItsObjectOrByMoveAndReset)
     center.post("A", nullptr);
     EXPECT_EQ(calls, 2);
     moved = center.addObserver("B", nullptr, [&](const Notification&) { calls += 10; });
-    EXPECT_EQ(center.observationCount(), 1u) << "assigning over an observation ends the old one";
-    moved.reset();
     center.post("A", nullptr);
+    EXPECT_EQ(calls, 2) << "assigning over an observation ends the old one";
+    moved.reset();
     center.post("B", nullptr);
     EXPECT_EQ(calls, 2);
-    EXPECT_EQ(center.observationCount(), 0u);
 }
 
 TEST(NotificationCenter, ObserverRemovedDuringAPostIsNotCalled)
@@ -131,5 +130,4 @@ TEST(NotificationCenter, DeliversOnThePostingThreadUnderConcurrentUse)
         thread.join();
     EXPECT_EQ(delivered.load(), 2000);
     EXPECT_EQ(wrongThread.load(), 0);
-    EXPECT_EQ(center.observationCount(), 1u);
 }
