@@ -12,8 +12,8 @@
 #include "base/MainLoop.hpp"
 #include "base/NotificationCenter.hpp"
 #include "base/PlatformLog.hpp"
-#include "source/VTBundle.hpp"
 #include "base/VTLog.hpp"
+#include "source/VTBundle.hpp"
 
 namespace vt {
 

@@ -1,7 +1,7 @@
 #include "shell/Menu.hpp"
 
-#include "source/PropertyList.hpp"
 #include "base/VTLog.hpp"
+#include "source/PropertyList.hpp"
 
 namespace vt {
 
