@@ -1,12 +1,12 @@
 #include <atomic>
 #include <csignal>
 #include <latch>
-#include <sstream>
 #include <thread>
 
 #include <gtest/gtest.h>
 
 #include "shell/HelperServerClient.hpp"
+#include "standin/kit/Records.hpp"
 #include "standin/kit/TestSupport.hpp"
 
 using namespace std::chrono_literals;
@@ -15,12 +15,6 @@ using vt::HelperServerError;
 using vt::test::waitUntil;
 
 namespace {
-
-// One line of the stand-in server's record.
-struct RecordedCall {
-    int64_t milliseconds;
-    std::string call;
-};
 
 int64_t monotonicMilliseconds() { return g_get_monotonic_time() / 1000; }
 
@@ -35,7 +29,7 @@ protected:
             { "VT_STANDIN_GONE_AFTER", std::nullopt },
             { "VT_STANDIN_SERVER_DELAY_MS", std::nullopt },
             { "VT_STANDIN_SERVER_ENV", std::nullopt },
-            { "VT_STANDIN_SERVER_RECORD", recordPath.string() },
+            { "VT_STANDIN_RECORDS", records.path().string() },
         };
         for (const auto& [name, value] : settings)
             changes[name] = value;
@@ -47,17 +41,7 @@ protected:
         }
     }
 
-    std::vector<RecordedCall> recordedCalls() const
-    {
-        std::vector<RecordedCall> calls;
-        std::istringstream lines(vt::test::readFile(recordPath));
-        std::string line;
-        while (std::getline(lines, line)) {
-            auto space = line.find(' ');
-            calls.push_back({ std::stoll(line.substr(0, space)), line.substr(space + 1) });
-        }
-        return calls;
-    }
+    std::vector<vt::test::ServerCall> recordedCalls() const { return records.serverCalls(); }
 
     std::vector<std::string> recordedCallNames() const
     {
@@ -69,7 +53,7 @@ protected:
 
     vt::test::PrivateBus bus;
     vt::test::TempDir dir;
-    std::filesystem::path recordPath = dir / "record";
+    vt::test::RecordReader records { dir / "records" };
     std::unique_ptr<vt::test::TestProcess> server;
 };
 

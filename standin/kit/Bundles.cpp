@@ -1,7 +1,5 @@
 #include "standin/kit/Bundles.hpp"
 
-#include <cerrno>
-#include <csignal>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
@@ -9,7 +7,6 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
-#include "base/glib_glue.hpp"
 #include "standin/kit/TestSupport.hpp"
 
 namespace vt::test {
@@ -34,16 +31,6 @@ namespace {
         for (char c : quoted)
             escaped += c == '\\' ? std::string("\\\\") : std::string(1, c);
         return escaped;
-    }
-
-    bool hasEnded(pid_t pid)
-    {
-        if (kill(pid, 0) != 0 && errno == ESRCH)
-            return true;
-        // A zombie waits for a parent that is not us; it runs no more.
-        std::string stat = readFile("/proc/" + std::to_string(pid) + "/stat");
-        auto close = stat.rfind(')');
-        return close != std::string::npos && close + 2 < stat.size() && stat[close + 2] == 'Z';
     }
 
 } // namespace
@@ -178,36 +165,6 @@ std::vector<std::string> readLines(const std::filesystem::path& path)
     while (std::getline(in, line))
         lines.push_back(line);
     return lines;
-}
-
-std::optional<pid_t> busNameOwnerProcess(const std::string& busAddress, const std::string& name)
-{
-    GErrorHolder error;
-    GPtr<GDBusConnection> connection = adopt(g_dbus_connection_new_for_address_sync(
-        busAddress.c_str(),
-        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT
-                                          | G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-        nullptr, nullptr, error));
-    if (!connection)
-        return std::nullopt;
-    GPtr<GVariant> reply = adopt(g_dbus_connection_call_sync(
-        connection.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
-        "GetConnectionUnixProcessID", g_variant_new("(s)", name.c_str()), G_VARIANT_TYPE("(u)"),
-        G_DBUS_CALL_FLAGS_NONE, -1, nullptr, error));
-    g_dbus_connection_close_sync(connection.get(), nullptr, nullptr);
-    if (!reply)
-        return std::nullopt;
-    guint32 pid = 0;
-    g_variant_get(reply.get(), "(u)", &pid);
-    return static_cast<pid_t>(pid);
-}
-
-bool terminateAndWait(pid_t pid, std::chrono::milliseconds timeout)
-{
-    if (pid <= 0)
-        return false;
-    kill(pid, SIGTERM);
-    return waitUntil([pid] { return hasEnded(pid); }, timeout);
 }
 
 } // namespace vt::test

@@ -1,41 +1,22 @@
 // Test fixtures for bundles and the desktop around them: launcher bundles,
-// copies of the main application with their desktop entries, a private set
-// of XDG directories, and the stand-in main application's record.
-//
-// Typical launcher end-to-end set-up:
-//
-//   TempDir dir;
-//   PrivateBus bus;
-//   Desktop desktop(dir / "desktop");
-//   desktop.addMainApp({ .bundle = dir / "Vantor.app" });        // the stand-in, registered
-//   auto launcher = makeLauncherBundle(dir / "Notepad.app", {
-//       { "CFBundleIdentifier", "com.example.notepad" },
-//       { "VTHelperAppBottleName", "Office" } });                 // Contents/MacOS/Launcher
-//   auto changes = desktop.variables();
-//   changes["DBUS_SESSION_BUS_ADDRESS"] = bus.address();
-//   changes["VT_STANDIN_RECORD"] = (dir / "main-app.record").string();
-//   TestProcess launcherProcess({ launcher.string() }, environmentWith(changes));
+// copies of the main application with their desktop entries, and a private
+// set of XDG directories (StandinWorld.hpp puts them together for a launcher).
 //
 // GIO reads the desktop entries once per process, so lookups that depend on
 // them belong in child processes started with desktop.variables().
 #pragma once
 
-#include <chrono>
+#include <cstdint>
 #include <filesystem>
 #include <map>
 #include <optional>
 #include <string>
 #include <vector>
 
-#include <sys/types.h>
-
 #include "source/PropertyList.hpp"
 #include "source/VantorNames.hpp"
 
 namespace vt::test {
-
-using namespace std::chrono_literals;
-
 
 // The stand-in main application and the launcher as built.
 std::filesystem::path standinMainAppBinary();
@@ -116,16 +97,7 @@ private:
     int m_copies = 0;
 };
 
-// The lines of a record file (the stand-in main application's, say); none
-// when it does not exist.
+// The lines of a file; none when it does not exist.
 std::vector<std::string> readLines(const std::filesystem::path& path);
-
-// The process that owns `name` on the bus at `busAddress`.
-std::optional<pid_t> busNameOwnerProcess(const std::string& busAddress, const std::string& name);
-
-// Sends SIGTERM to a process that is not our child (a detached main
-// application, say) and runs the main loop until it has ended; a zombie that
-// its new parent has yet to reap counts as ended.
-bool terminateAndWait(pid_t pid, std::chrono::milliseconds timeout = 10s);
 
 } // namespace vt::test
