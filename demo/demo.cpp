@@ -58,7 +58,7 @@ void showTool(const ToolRecord& record, const std::string& tag)
 // Shows the window commands from the `from`-th on, once there are `count`.
 void showCommands(StandinWorld& w, size_t from, size_t count, const std::string& what)
 {
-    expect(w.records.waitForRequests(count), what, w);
+    expect(w.records.waitFor("request", count), what, w);
     auto texts = w.records.commandTexts();
     for (size_t i = from; i < texts.size(); ++i)
         say("     window command: " + texts[i]);
@@ -85,7 +85,7 @@ int main()
     std::string tag = std::to_string(launcher.pid());
     expect(w.waitForLog("start-up done") && w.records.waitForTools(2), "start-up", w);
     say("   The main application was started in the background to open the launcher's bundle:");
-    for (const auto& event : w.records.mainAppEvents())
+    for (const auto& event : w.records.texts("main-app"))
         say("     main application: " + event);
     showLog(w, "looking for the helper server");
     showLog(w, "is not ready yet");
@@ -101,20 +101,15 @@ int main()
     showTool(w.records.tools("vtstart").at(0), tag);
 
     say("\n3. The user clicks Notepad again: no second copy, the program's windows are raised.");
-    size_t seen = w.records.requests().size();
+    size_t seen = w.records.texts("request").size();
     w.startLauncher({}, product).waitForExit();
     showCommands(w, seen, seen + 1, "activation");
-    std::string raised;
-    for (const auto& call : w.records.serverCalls()) {
-        if (call.call.starts_with("RaiseWindowsWithTag"))
-            raised = call.call;
-    }
-    say("     helper server asked: " + raised);
+    say("     helper server asked: " + w.records.texts("call").back());
     say("     vtmenu processes: " + std::to_string(w.records.tools("vtmenu").size()));
 
     say("\n4. The user quits, but the program has unsaved work and says no.");
     w.setAnswer("queryendsession", "0");
-    seen = w.records.requests().size();
+    seen = w.records.texts("request").size();
     launcher.signal(SIGTERM);
     showCommands(w, seen, seen + 3, "the refused quit");
     expect(w.waitForLog("quit cancelled"), "the refused quit", w);
@@ -122,14 +117,14 @@ int main()
 
     say("\n5. The user saves and quits again; the program agrees.");
     w.setAnswer("queryendsession", "1");
-    seen = w.records.requests().size();
+    seen = w.records.texts("request").size();
     launcher.signal(SIGTERM);
     auto status = launcher.waitForExit();
     showCommands(w, seen, seen + 4, "the agreed quit");
     say("     the launcher exited with status " + (status ? std::to_string(*status) : std::string("?")));
     terminateAndWait(menu.pid);
-    expect(waitUntil([&] { return w.records.ending(menu.pid).has_value(); }), "the end of the program", w);
-    bool byLauncher = w.records.ending(menu.pid)->sender != getpid();
+    expect(waitUntil([&] { return w.records.endedBy(menu.pid).has_value(); }), "the end of the program", w);
+    bool byLauncher = w.records.endedBy(menu.pid) != getpid();
     say(std::string("     vtmenu was ") + (byLauncher ? "ended by the launcher (wrong!)" : "never signalled by the launcher")
         + ": the Windows side ends the session itself.");
     return status == 0 && !byLauncher ? 0 : 1;

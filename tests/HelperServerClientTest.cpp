@@ -41,15 +41,7 @@ protected:
         }
     }
 
-    std::vector<vt::test::ServerCall> recordedCalls() const { return records.serverCalls(); }
-
-    std::vector<std::string> recordedCallNames() const
-    {
-        std::vector<std::string> names;
-        for (const auto& call : recordedCalls())
-            names.push_back(call.call);
-        return names;
-    }
+    std::vector<std::string> recordedCallNames() const { return records.texts("call"); }
 
     vt::test::PrivateBus bus;
     vt::test::TempDir dir;
@@ -97,20 +89,18 @@ TEST_F(HelperServerClientTest, BottleBecomesReadyAfterTheNotReadyAnswers)
 
     // The bottle name reaches the server verbatim, and the timestamps share
     // our clock, so start-up tests can measure the spacing of polls.
-    auto calls = recordedCalls();
-    ASSERT_EQ(calls.size(), 5u);
+    EXPECT_EQ(recordedCallNames(), std::vector<std::string>(5, "IsServerReadyForBottle " + bottle));
     int64_t previous = before;
-    for (const auto& call : calls) {
-        EXPECT_EQ(call.call, "IsServerReadyForBottle " + bottle);
-        EXPECT_GE(call.milliseconds, previous);
-        EXPECT_LE(call.milliseconds, after);
-        previous = call.milliseconds;
+    for (int64_t milliseconds : records.times("call", "IsServerReadyForBottle " + bottle)) {
+        EXPECT_GE(milliseconds, previous);
+        EXPECT_LE(milliseconds, after);
+        previous = milliseconds;
     }
 
     // A name D-Bus cannot carry is refused here instead of being sent.
     EXPECT_THROW(client->isServerReadyForBottle("Steam\xff"), HelperServerError);
     EXPECT_THROW(client->isServerReadyForBottle(std::string("Ste\0am", 6)), HelperServerError);
-    EXPECT_EQ(recordedCalls().size(), 5u);
+    EXPECT_EQ(recordedCallNames().size(), 5u);
 }
 
 TEST_F(HelperServerClientTest, EnvironmentArrivesExactly)

@@ -43,7 +43,7 @@ protected:
     // How often the main application was brought to the front.
     long mainAppActivations() const
     {
-        auto events = w.records.mainAppEvents();
+        auto events = w.records.texts("main-app");
         return std::count(events.begin(), events.end(), "activate");
     }
 
@@ -57,9 +57,9 @@ protected:
     // waits until the program has been asked `commands` more of them.
     void quitAfterFirstCommand(TestProcess& launcher, size_t commands)
     {
-        ASSERT_TRUE(w.records.waitForRequests(1));
+        ASSERT_TRUE(w.records.waitFor("request", 1));
         launcher.signal(SIGTERM);
-        ASSERT_TRUE(w.records.waitForRequests(1 + commands)) << w.launcherLog();
+        ASSERT_TRUE(w.records.waitFor("request", 1 + commands)) << w.launcherLog();
     }
 
     StandinWorld w;
@@ -156,17 +156,11 @@ TEST_F(LauncherProgram, ASecondClickRaisesTheWindowsInsteadOfStartingAgain)
     EXPECT_EQ(mainAppActivations(), before + 1);
 
     std::string tag = std::to_string(launcher.pid());
-    auto requests = w.records.requests();
+    auto requests = w.records.texts("request");
     ASSERT_EQ(requests.size(), 2u);
     EXPECT_EQ(requests[0], "-t " + tag + " -c helperDelegateCommand0 -a haswindows\n");
     EXPECT_EQ(requests[1], "-t " + tag + " -c helperDelegateCommand1 -a haswindows\n");
-    auto raises = [&] {
-        Strings calls;
-        for (const auto& call : w.records.serverCalls())
-            calls.push_back(call.call);
-        return count(calls, "RaiseWindowsWithTag " + tag);
-    };
-    EXPECT_TRUE(waitUntil([&] { return raises() == 2; }));
+    EXPECT_TRUE(waitUntil([&] { return count(w.records.texts("call"), "RaiseWindowsWithTag " + tag) == 2; }));
 }
 
 TEST_F(LauncherProgram, QuitWhileTheProgramAgreesEndsTheSessionAndExits)
@@ -179,10 +173,10 @@ TEST_F(LauncherProgram, QuitWhileTheProgramAgreesEndsTheSessionAndExits)
     EXPECT_EQ(launcher.waitForExit(), 0);
     EXPECT_EQ(commandsAfter(1), (Strings { "close", "queryendsession", "endsession", "shutdown" }));
     // The program is still there; whoever ends it now is not the launcher.
-    EXPECT_FALSE(w.records.ending(menu.pid));
+    EXPECT_FALSE(w.records.endedBy(menu.pid));
     ASSERT_TRUE(terminateAndWait(menu.pid));
-    ASSERT_TRUE(waitUntil([&] { return w.records.ending(menu.pid).has_value(); }));
-    EXPECT_EQ(w.records.ending(menu.pid)->sender, getpid()) << "the launcher never ends the program by force";
+    ASSERT_TRUE(waitUntil([&] { return w.records.endedBy(menu.pid).has_value(); }));
+    EXPECT_EQ(w.records.endedBy(menu.pid), getpid()) << "the launcher never ends the program by force";
 }
 
 TEST_F(LauncherProgram, QuitActivatesTheMainApplicationBeforeAskingTheWindows)
@@ -190,12 +184,12 @@ TEST_F(LauncherProgram, QuitActivatesTheMainApplicationBeforeAskingTheWindows)
     w.setAnswer("haswindows", "0");
     w.setAnswer("close", "silent");
     auto& launcher = launch();
-    ASSERT_TRUE(w.records.waitForRequests(1));
+    ASSERT_TRUE(w.records.waitFor("request", 1));
     EXPECT_EQ(mainAppActivations(), 0);
     // The launcher started the main application in the background; once it is up...
     ASSERT_TRUE(waitUntil([&] { return w.bus.hasOwner(vt::kVantorBundleIdentifier); }));
     quitAfterFirstCommand(launcher, 1);
-    EXPECT_EQ(mainAppActivations(), 1) << testing::PrintToString(w.records.mainAppEvents()) << w.launcherLog();
+    EXPECT_EQ(mainAppActivations(), 1) << testing::PrintToString(w.records.texts("main-app")) << w.launcherLog();
 }
 
 TEST_F(LauncherProgram, QuitRefusedByTheProgramKeepsEverythingRunning)
@@ -212,7 +206,7 @@ TEST_F(LauncherProgram, QuitRefusedByTheProgramKeepsEverythingRunning)
     // A failing "close" stops the sequence at once.
     w.setAnswer("close", "0");
     launcher.signal(SIGTERM);
-    ASSERT_TRUE(w.records.waitForRequests(5));
+    ASSERT_TRUE(w.records.waitFor("request", 5));
     ASSERT_TRUE(waitUntil([&] { return w.launcherLog().find("quit cancelled") != w.launcherLog().rfind("quit cancelled"); }));
     EXPECT_EQ(commandsAfter(4), (Strings { "close" }));
     EXPECT_TRUE(launcher.running());

@@ -2,6 +2,8 @@
 // stand-in product: how it comes up, waits, gives up, and hands over to a
 // running copy of itself.
 #include <csignal>
+#include <ctime>
+#include <sstream>
 
 #include <gtest/gtest.h>
 
@@ -13,6 +15,21 @@ using namespace vt::test;
 namespace {
 
 const char* kStartupDone = "start-up done";
+
+// The times (ms) of the log lines ("YYYY-MM-DD HH:MM:SS.mmm name[pid] ...") that hold `text`.
+std::vector<int64_t> logLineTimes(const std::string& log, const std::string& text)
+{
+    std::vector<int64_t> times;
+    std::istringstream lines(log);
+    for (std::string line; std::getline(lines, line);) {
+        std::tm parts {};
+        const char* rest = strptime(line.c_str(), "%Y-%m-%d %H:%M:%S.", &parts);
+        parts.tm_isdst = -1;
+        if (rest && line.find(text) != std::string::npos)
+            times.push_back(static_cast<int64_t>(mktime(&parts)) * 1000 + std::atoi(rest));
+    }
+    return times;
+}
 
 // Attempts are a second apart at the least; the upper bound only catches a
 // launcher that stopped trying, so a loaded machine cannot break it.
@@ -56,13 +73,13 @@ TEST(LauncherStartup, GivesUpAfterTenAttemptsWithoutHelperServer)
 
     // The main application was started in the background with this bundle to open.
     std::string bundleURI = "file://" + (w.dir / "Notepad.app").string() + "/";
-    auto events = w.records.mainAppEvents();
+    auto events = w.records.texts("main-app");
     ASSERT_FALSE(events.empty());
     EXPECT_EQ(events[0], "started " + (w.mainApp / "Contents/MacOS/Vantor").string() + " " + bundleURI);
     // The stand-in records URIs the way GIO gives them back: without the final slash.
-    ASSERT_TRUE(waitUntil([&] { return contains(w.records.mainAppEvents(), "open file://" + (w.dir / "Notepad.app").string()); }))
-        << testing::PrintToString(w.records.mainAppEvents());
-    EXPECT_FALSE(contains(w.records.mainAppEvents(), "activate")) << "it must not take the focus";
+    ASSERT_TRUE(waitUntil([&] { return contains(w.records.texts("main-app"), "open file://" + (w.dir / "Notepad.app").string()); }))
+        << testing::PrintToString(w.records.texts("main-app"));
+    EXPECT_FALSE(contains(w.records.texts("main-app"), "activate")) << "it must not take the focus";
 }
 
 TEST(LauncherStartup, WaitsForTheBottleThenGoesOn)
@@ -72,11 +89,7 @@ TEST(LauncherStartup, WaitsForTheBottleThenGoesOn)
     auto& launcher = w.startLauncher();
     ASSERT_TRUE(w.waitForLog(kStartupDone));
 
-    std::vector<int64_t> polls;
-    for (const auto& call : w.records.serverCalls()) {
-        if (call.call == "IsServerReadyForBottle Office")
-            polls.push_back(call.milliseconds);
-    }
+    auto polls = w.records.times("call", "IsServerReadyForBottle Office");
     EXPECT_EQ(polls.size(), 4u);
     expectAboutOneSecondApart(polls);
     // The tools are those of the registered main application.
@@ -115,16 +128,16 @@ TEST(LauncherStartup, RunningCopyOfTheMainApplicationProvidesTheTools)
     w.desktop.addMainApp({ .bundle = w.dir / "Newer.app", .version = "9.0.0" });
     auto older = w.desktop.addMainApp({ .bundle = w.dir / "Older.app", .version = "3.9.1", .registersScheme = false });
     TestProcess running({ (older / "Contents/MacOS/Vantor").string() }, w.environment());
-    ASSERT_TRUE(waitUntil([&] { return contains(w.records.mainAppEvents(), "activate"); }));
+    ASSERT_TRUE(waitUntil([&] { return contains(w.records.texts("main-app"), "activate"); }));
 
     auto& launcher = startedLauncher(w);
     EXPECT_NE(w.launcherLog().find("tools in " + (older / "Contents/SharedSupport/Vantor").string()),
               std::string::npos)
         << w.launcherLog();
     // The running copy was asked to open the launcher's bundle, not activated.
-    ASSERT_TRUE(waitUntil([&] { return contains(w.records.mainAppEvents(), "open file://" + (w.dir / "Notepad.app").string()); }))
-        << testing::PrintToString(w.records.mainAppEvents()) << w.launcherLog();
-    auto events = w.records.mainAppEvents();
+    ASSERT_TRUE(waitUntil([&] { return contains(w.records.texts("main-app"), "open file://" + (w.dir / "Notepad.app").string()); }))
+        << testing::PrintToString(w.records.texts("main-app")) << w.launcherLog();
+    auto events = w.records.texts("main-app");
     EXPECT_EQ(std::count(events.begin(), events.end(), "activate"), 1) << "only its own start without arguments";
     launcher.signal(SIGTERM);
     EXPECT_EQ(launcher.waitForExit(), 0);

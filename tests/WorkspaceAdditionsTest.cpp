@@ -79,8 +79,8 @@ protected:
             std::vector<std::string> { (bundle / "Contents/MacOS/Vantor").string() },
             environmentWith({ { "DBUS_SESSION_BUS_ADDRESS", bus->address() },
                               { "VT_STANDIN_RECORDS", records.path().string() } }));
-        EXPECT_TRUE(waitUntil([this] { return records.mainAppEvents().size() >= 2; }));
-        EXPECT_EQ(records.mainAppEvents().back(), "activate");
+        EXPECT_TRUE(waitUntil([this] { return records.texts("main-app").size() >= 2; }));
+        EXPECT_EQ(records.texts("main-app").back(), "activate");
         return process;
     }
 
@@ -215,22 +215,22 @@ TEST_F(MainApp, ARunningCopyIsToldToOpenAndActivatedOnlyWhenAllowedToSwitch)
 {
     bus.emplace();
     auto process = startMainApp(desktop.addMainApp({ .bundle = dir / "Vantor.app" }));
-    Lines expected = records.mainAppEvents();
+    Lines expected = records.texts("main-app");
     std::string first = "file://" + bundle("Notepad.app");
     std::string second = "file://" + bundle("Paint.app");
 
     EXPECT_EQ(probe({ "open", vt::kVantorBundleIdentifier, vt::kVantorURLScheme, "0x300", first }), (Lines { "YES", "children none" }));
     expected.push_back("open " + first);
-    EXPECT_EQ(records.mainAppEvents(), expected);
+    EXPECT_EQ(records.texts("main-app"), expected);
 
     EXPECT_EQ(probe({ "open", vt::kVantorBundleIdentifier, vt::kVantorURLScheme, "0", second }), (Lines { "YES", "children none" }));
     expected.push_back("open " + second);
     expected.push_back("activate");
-    EXPECT_EQ(records.mainAppEvents(), expected);
+    EXPECT_EQ(records.texts("main-app"), expected);
 
     // Launching what already runs leaves it alone.
     EXPECT_EQ(probe({ "launch", vt::kVantorBundleIdentifier, vt::kVantorURLScheme, "0" }), (Lines { "YES", "children none" }));
-    EXPECT_EQ(records.mainAppEvents(), expected);
+    EXPECT_EQ(records.texts("main-app"), expected);
     EXPECT_TRUE(process->running());
 }
 
@@ -244,8 +244,8 @@ TEST_F(MainApp, TheChosenCopyIsStartedWithTheUrlsWhenNoneRuns)
     EXPECT_EQ(probe({ "open", vt::kVantorBundleIdentifier, vt::kVantorURLScheme, "0x300", url },
                     { { "VT_STANDIN_RECORDS", records.path().string() } }),
               (Lines { "YES", "children none" }));
-    ASSERT_TRUE(waitUntil([this] { return records.mainAppEvents().size() >= 2; }));
-    EXPECT_EQ(records.mainAppEvents(), (Lines { "started " + (chosen / "Contents/MacOS/Vantor").string() + " " + url,
+    ASSERT_TRUE(waitUntil([this] { return records.texts("main-app").size() >= 2; }));
+    EXPECT_EQ(records.texts("main-app"), (Lines { "started " + (chosen / "Contents/MacOS/Vantor").string() + " " + url,
                                           "open " + url }));
 
     auto pid = vt::test::busNameOwnerProcess(bus->address(), vt::kVantorBundleIdentifier);

@@ -179,7 +179,7 @@ void HelperServerStandIn::answer(const std::string& method, GVariant* parameters
         call.add("argument", std::to_string(tag));
         GDBusMessage* message = g_dbus_method_invocation_get_message(invocation);
         if (!(g_dbus_message_get_flags(message) & G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED))
-            call.add("reply", "expected");
+            call.add("reply", "expecting-reply");
     }
     send(std::move(call));
 

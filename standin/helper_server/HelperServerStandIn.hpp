@@ -27,7 +27,8 @@
 // Every call it receives is sent as a call record (standin/record/Record.hpp)
 // as it arrives, before it is answered: the method, its argument (the bottle
 // verbatim, the tag in decimal) and, for a RaiseWindowsWithTag sent without
-// the no-reply-expected flag, reply=expected, so a caller that waits shows up.
+// the no-reply-expected flag, reply=expecting-reply, so a caller that waits
+// shows up.
 //
 // A malformed value makes HelperServerSettings::fromEnvironment() throw.
 #pragma once

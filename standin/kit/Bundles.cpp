@@ -33,11 +33,17 @@ namespace {
         return escaped;
     }
 
+    // Behind any symbolic link.
+    void setModificationTime(const std::filesystem::path& path, int64_t secondsSinceEpoch)
+    {
+        const timespec times[2] = { { 0, UTIME_OMIT }, { static_cast<time_t>(secondsSinceEpoch), 0 } };
+        if (utimensat(AT_FDCWD, path.c_str(), times, 0) != 0)
+            throw std::runtime_error("cannot set the modification time of " + path.string());
+    }
+
 } // namespace
 
 std::filesystem::path standinMainAppBinary() { return std::filesystem::path(VT_STANDIN_DIR) / "vt-standin-main-app"; }
-
-std::filesystem::path launcherBinary() { return VT_LAUNCHER_PATH; }
 
 void writeInfoPlist(const std::filesystem::path& bundle, const PlistDict& info)
 {
@@ -63,24 +69,6 @@ std::filesystem::path installScript(const std::filesystem::path& bundle, const s
     writeFile(target, text);
     std::filesystem::permissions(target, std::filesystem::perms(0755));
     return target;
-}
-
-std::filesystem::path makeLauncherBundle(const std::filesystem::path& bundle, PlistDict info, const std::string& name)
-{
-    info["CFBundleExecutable"] = name;
-    writeInfoPlist(bundle, info);
-    return installExecutable(bundle, name, launcherBinary());
-}
-
-void setModificationTime(const std::filesystem::path& path, int64_t secondsSinceEpoch)
-{
-    struct timespec times[2];
-    times[0].tv_sec = 0;
-    times[0].tv_nsec = UTIME_OMIT;
-    times[1].tv_sec = static_cast<time_t>(secondsSinceEpoch);
-    times[1].tv_nsec = 0;
-    if (utimensat(AT_FDCWD, path.c_str(), times, 0) != 0)
-        throw std::runtime_error("cannot set the modification time of " + path.string());
 }
 
 Desktop::Desktop(std::filesystem::path root) : m_root(std::move(root))

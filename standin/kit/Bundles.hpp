@@ -18,9 +18,8 @@
 
 namespace vt::test {
 
-// The stand-in main application and the launcher as built.
+// The stand-in main application as built.
 std::filesystem::path standinMainAppBinary();
-std::filesystem::path launcherBinary();
 
 // Writes bundle/Contents/Info.plist as an XML property list, making the
 // directories on the way.
@@ -34,16 +33,6 @@ std::filesystem::path installExecutable(const std::filesystem::path& bundle, con
 // Writes `text` as an executable script bundle/Contents/MacOS/<name>.
 std::filesystem::path installScript(const std::filesystem::path& bundle, const std::string& name,
                                     const std::string& text);
-
-// A launcher bundle: Info.plist with `info` plus CFBundleExecutable = `name`,
-// and a copy of the launcher binary as Contents/MacOS/<name>. Answers the
-// executable's path.
-std::filesystem::path makeLauncherBundle(const std::filesystem::path& bundle, PlistDict info,
-                                         const std::string& name = "Launcher");
-
-// Sets the modification time of `path`, behind any symbolic link (seconds
-// since the epoch).
-void setModificationTime(const std::filesystem::path& path, int64_t secondsSinceEpoch);
 
 // One installed copy of the main application.
 struct MainAppCopy {

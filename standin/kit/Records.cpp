@@ -13,11 +13,14 @@
 namespace vt::test {
 
 namespace {
-    std::string joined(std::string first, const std::vector<std::string>& words)
+    std::string textOf(const standin::Record& record)
     {
-        for (const auto& word : words)
-            first += " " + word;
-        return first;
+        std::string text;
+        for (const auto& [name, value] : record.fields) {
+            if (name != "pid" && name != "ms")
+                text += (text.empty() ? "" : " ") + value;
+        }
+        return text;
     }
 } // namespace
 
@@ -25,10 +28,8 @@ RecordReader::RecordReader(std::filesystem::path socket)
     : m_path(std::move(socket))
     , m_socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0))
     , m_stop(eventfd(0, EFD_CLOEXEC))
-    , m_buffer(1 << 18)
 {
-    sockaddr_un address {};
-    address.sun_family = AF_UNIX;
+    sockaddr_un address { .sun_family = AF_UNIX, .sun_path = {} };
     if (m_path.string().size() >= sizeof address.sun_path)
         throw std::runtime_error("socket path too long: " + m_path.string());
     std::strcpy(address.sun_path, m_path.c_str());
@@ -36,9 +37,7 @@ RecordReader::RecordReader(std::filesystem::path socket)
         throw std::runtime_error("cannot receive records at " + m_path.string() + ": " + std::strerror(errno));
     m_thread = std::thread([this] {
         pollfd descriptors[] = { { m_socket.get(), POLLIN, 0 }, { m_stop.get(), POLLIN, 0 } };
-        while (poll(descriptors, 2, -1) >= 0 || errno == EINTR) {
-            if (descriptors[1].revents)
-                return;
+        while ((poll(descriptors, 2, -1) >= 0 || errno == EINTR) && !descriptors[1].revents) {
             receive();
             g_main_context_wakeup(nullptr);
         }
@@ -63,16 +62,37 @@ void RecordReader::receive() const
 
 std::vector<standin::Record> RecordReader::all(const std::string& kind) const
 {
-    // What has been sent but not yet taken in by the thread counts too: a
-    // stand-in records before it answers.
+    // What was sent but not yet taken in by the thread counts too: the
+    // stand-ins record before they answer.
     receive();
     std::lock_guard lock(m_mutex);
     std::vector<standin::Record> found;
-    for (const auto& record : m_records) {
-        if (record.kind == kind)
-            found.push_back(record);
-    }
+    std::copy_if(m_records.begin(), m_records.end(), std::back_inserter(found),
+                 [&](const standin::Record& record) { return record.kind == kind; });
     return found;
+}
+
+std::vector<std::string> RecordReader::texts(const std::string& kind) const
+{
+    std::vector<std::string> texts;
+    for (const auto& record : all(kind))
+        texts.push_back(textOf(record));
+    return texts;
+}
+
+std::vector<int64_t> RecordReader::times(const std::string& kind, const std::string& text) const
+{
+    std::vector<int64_t> times;
+    for (const auto& record : all(kind)) {
+        if (textOf(record) == text)
+            times.push_back(std::stoll(record.value("ms")));
+    }
+    return times;
+}
+
+bool RecordReader::waitFor(const std::string& kind, size_t count, std::chrono::milliseconds timeout) const
+{
+    return waitUntil([&] { return all(kind).size() >= count; }, timeout);
 }
 
 std::vector<ToolRecord> RecordReader::tools(const std::string& role) const
@@ -81,19 +101,13 @@ std::vector<ToolRecord> RecordReader::tools(const std::string& role) const
     for (const auto& record : all("tool")) {
         if (!role.empty() && record.value("role") != role)
             continue;
-        ToolRecord& tool = tools.emplace_back(ToolRecord { .role = record.value("role"),
-                                                           .pid = std::stoi(record.value("pid")),
-                                                           .parent = std::stoi(record.value("ppid")),
-                                                           .argv = record.values("arg"),
-                                                           .environment = {},
-                                                           .directory = record.value("cwd"),
-                                                           .standardInput = record.value("stdin"),
-                                                           .standardOutput = record.value("stdout"),
-                                                           .standardError = record.value("stderr") });
+        std::map<std::string, std::string> environment;
         for (const auto& entry : record.values("env")) {
             size_t equals = entry.find('=');
-            tool.environment[entry.substr(0, equals)] = equals == std::string::npos ? "" : entry.substr(equals + 1);
+            environment[entry.substr(0, equals)] = equals == std::string::npos ? "" : entry.substr(equals + 1);
         }
+        tools.push_back({ record.value("role"), std::stoi(record.value("pid")), record.values("arg"),
+                          environment, record.value("cwd"), record.value("stdin"), record.value("stdout") });
     }
     return tools;
 }
@@ -103,58 +117,26 @@ bool RecordReader::waitForTools(size_t count, const std::string& role, std::chro
     return waitUntil([&] { return tools(role).size() >= count; }, timeout);
 }
 
-std::optional<ToolEnding> RecordReader::ending(pid_t pid) const
+std::optional<pid_t> RecordReader::endedBy(pid_t pid) const
 {
     for (const auto& record : all("tool-end")) {
         if (record.value("pid") == std::to_string(pid))
-            return ToolEnding { std::atoi(record.value("signal").c_str()), std::atoi(record.value("sender").c_str()) };
+            return std::atoi(record.value("sender").c_str());
     }
     return std::nullopt;
 }
 
-std::vector<std::string> RecordReader::requests() const
-{
-    std::vector<std::string> lines;
-    for (const auto& record : all("request"))
-        lines.push_back(record.value("line"));
-    return lines;
-}
-
 std::vector<std::string> RecordReader::commandTexts() const
 {
-    std::vector<std::string> texts;
-    for (std::string line : requests()) {
-        if (line.ends_with('\n'))
-            line.pop_back();
+    std::vector<std::string> commands;
+    for (const auto& record : all("request")) {
+        std::string line = record.value("line");
         size_t text = line.find(" -a ");
-        texts.push_back(text == std::string::npos ? line : line.substr(text + 4));
+        commands.push_back(line.substr(text == std::string::npos ? 0 : text + 4));
+        if (commands.back().ends_with('\n'))
+            commands.back().pop_back();
     }
-    return texts;
-}
-
-bool RecordReader::waitForRequests(size_t count, std::chrono::milliseconds timeout) const
-{
-    return waitUntil([&] { return all("request").size() >= count; }, timeout);
-}
-
-std::vector<std::string> RecordReader::mainAppEvents() const
-{
-    std::vector<std::string> events;
-    for (const auto& record : all("main-app"))
-        events.push_back(joined(record.value("event"), record.values("arg")));
-    return events;
-}
-
-std::vector<ServerCall> RecordReader::serverCalls() const
-{
-    std::vector<ServerCall> calls;
-    for (const auto& record : all("call")) {
-        std::string call = joined(record.value("method"), record.values("argument"));
-        if (record.value("reply") == "expected")
-            call += " expecting-reply";
-        calls.push_back({ std::stoll(record.value("ms")), call });
-    }
-    return calls;
+    return commands;
 }
 
 } // namespace vt::test

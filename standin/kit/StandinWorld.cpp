@@ -1,8 +1,6 @@
 #include "standin/kit/StandinWorld.hpp"
 
 #include <cstdlib>
-#include <ctime>
-#include <sstream>
 #include <stdexcept>
 
 #include "shell/HelperServerClient.hpp"
@@ -49,7 +47,7 @@ StandinWorld::~StandinWorld()
     if (auto owner = busNameOwnerProcess(bus.address(), kVantorBundleIdentifier))
         terminateAndWait(*owner);
     for (const ToolRecord& tool : records.tools()) {
-        if (!records.ending(tool.pid))
+        if (!records.endedBy(tool.pid))
             terminateAndWait(tool.pid);
     }
 }
@@ -97,8 +95,11 @@ void StandinWorld::startHelperServer(const EnvironmentChanges& settings)
 
 TestProcess& StandinWorld::startLauncher(const std::vector<std::string>& arguments, const EnvironmentChanges& extra)
 {
-    if (launcher.empty())
-        launcher = makeLauncherBundle(dir / "Notepad.app", launcherInfo, "Notepad");
+    if (launcher.empty()) {
+        launcherInfo["CFBundleExecutable"] = "Notepad";
+        writeInfoPlist(dir / "Notepad.app", launcherInfo);
+        launcher = installExecutable(dir / "Notepad.app", "Notepad", VT_LAUNCHER_PATH);
+    }
     // The main application it starts may serve the helper server itself.
     writeServerDictionary();
     std::vector<std::string> argv { launcher.string() };
@@ -112,28 +113,6 @@ std::string StandinWorld::launcherLog(size_t run) const { return m_launcherRuns.
 bool StandinWorld::waitForLog(const std::string& text, size_t run, std::chrono::milliseconds timeout) const
 {
     return waitUntil([&] { return launcherLog(run).find(text) != std::string::npos; }, timeout);
-}
-
-std::vector<int64_t> logLineTimes(const std::string& log, const std::string& text)
-{
-    std::vector<int64_t> times;
-    std::istringstream lines(log);
-    std::string line;
-    while (std::getline(lines, line)) {
-        if (line.find(text) == std::string::npos)
-            continue;
-        // "YYYY-MM-DD HH:MM:SS.mmm name[pid] message"
-        struct tm parts {};
-        int milliseconds = 0;
-        if (sscanf(line.c_str(), "%d-%d-%d %d:%d:%d.%d", &parts.tm_year, &parts.tm_mon, &parts.tm_mday,
-                   &parts.tm_hour, &parts.tm_min, &parts.tm_sec, &milliseconds) != 7)
-            continue;
-        parts.tm_year -= 1900;
-        parts.tm_mon -= 1;
-        parts.tm_isdst = -1;
-        times.push_back(static_cast<int64_t>(mktime(&parts)) * 1000 + milliseconds);
-    }
-    return times;
 }
 
 } // namespace vt::test

@@ -36,8 +36,6 @@ class StandinWorld {
 public:
     StandinWorld();
     ~StandinWorld();
-    StandinWorld(const StandinWorld&) = delete;
-    StandinWorld& operator=(const StandinWorld&) = delete;
 
     TempDir dir;
     PrivateBus bus;
@@ -85,8 +83,5 @@ private:
     std::unique_ptr<TestProcess> m_helperServer;
     std::vector<std::unique_ptr<TestProcess>> m_launcherRuns;
 };
-
-// The millisecond time stamps of the log lines that contain `text`.
-std::vector<int64_t> logLineTimes(const std::string& log, const std::string& text);
 
 } // namespace vt::test

@@ -69,19 +69,13 @@ void writeFile(const std::filesystem::path& path, const std::string& contents)
     out << contents;
 }
 
-StderrCapture::StderrCapture() : m_file(m_dir / "stderr")
+StderrCapture::StderrCapture() : m_file(m_dir / "stderr"), m_saved(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3))
 {
-    int fd = open(m_file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    m_saved = dup(STDERR_FILENO);
-    dup2(fd, STDERR_FILENO);
-    close(fd);
+    Fd file(open(m_file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+    dup2(file.get(), STDERR_FILENO);
 }
 
-StderrCapture::~StderrCapture()
-{
-    dup2(m_saved, STDERR_FILENO);
-    close(m_saved);
-}
+StderrCapture::~StderrCapture() { dup2(m_saved.get(), STDERR_FILENO); }
 
 std::string StderrCapture::text() const { return readFile(m_file); }
 

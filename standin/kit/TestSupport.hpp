@@ -13,6 +13,7 @@
 
 #include "base/MainLoop.hpp"
 #include "base/glib_glue.hpp"
+#include "base/posix_glue.hpp"
 #include "source/VTTask.hpp"
 
 namespace vt::test {
@@ -41,15 +42,13 @@ class StderrCapture {
 public:
     StderrCapture();
     ~StderrCapture();
-    StderrCapture(const StderrCapture&) = delete;
-    StderrCapture& operator=(const StderrCapture&) = delete;
     // Everything written so far.
     std::string text() const;
 
 private:
     TempDir m_dir;
     std::filesystem::path m_file;
-    int m_saved = -1;
+    Fd m_saved;
 };
 
 // Sets or unsets environment variables for the scope and restores them after.
@@ -109,8 +108,6 @@ public:
     TestProcess(std::vector<std::string> argv, std::map<std::string, std::string> environment,
                 ProcessSetup setup = {});
     ~TestProcess();
-    TestProcess(const TestProcess&) = delete;
-    TestProcess& operator=(const TestProcess&) = delete;
 
     pid_t pid() const { return m_task.processIdentifier(); }
     bool running() const { return m_task.isRunning(); }

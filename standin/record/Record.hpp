@@ -10,16 +10,16 @@
 // (g_get_monotonic_time() / 1000 in any process).
 //
 // Kinds and their fields:
-//   tool      vtmenu, vtstart or wine started: role, ppid, arg (argv[0]
-//             first), env (NAME=VALUE, each as given), cwd, stdin, stdout,
-//             stderr (null, pipe, other or closed)
+//   tool      vtmenu, vtstart or wine started: role, arg (argv[0] first),
+//             env (NAME=VALUE, each as given), cwd, stdin and stdout (null,
+//             pipe, other or closed)
 //   tool-end  a tool is ending: role, and either signal and sender (the
 //             signal that ended it and the pid that sent it) or reason
 //   request   the window-command tool received a request: line (its bytes,
 //             line end included)
 //   call      the helper server received a call: method, argument (the
-//             bottle or the tag, when the method has one), reply ("expected"
-//             when the caller waits for an answer)
+//             bottle or the tag, when the method has one), reply
+//             ("expecting-reply" when the caller waits for an answer)
 //   main-app  the main application: event (started, open or activate) and
 //             arg (argv for started, the URIs for open)
 #pragma once

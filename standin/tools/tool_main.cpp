@@ -50,7 +50,7 @@ std::string streamKind(int fd)
 vt::standin::Record startRecord(const std::string& role, char** argv)
 {
     vt::standin::Record record("tool");
-    record.add("role", role).add("ppid", std::to_string(getppid()));
+    record.add("role", role);
     for (char** argument = argv; *argument; ++argument)
         record.add("arg", *argument);
     for (char** entry = environ; *entry; ++entry)
@@ -59,7 +59,6 @@ vt::standin::Record startRecord(const std::string& role, char** argv)
     record.add("cwd", std::filesystem::current_path(error).string());
     record.add("stdin", streamKind(STDIN_FILENO));
     record.add("stdout", streamKind(STDOUT_FILENO));
-    record.add("stderr", streamKind(STDERR_FILENO));
     return record;
 }
 
