@@ -1,13 +1,11 @@
 #include "standin/helper_server/HelperServerStandIn.hpp"
 
-#include <cerrno>
 #include <charconv>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <stdexcept>
 
-#include <fcntl.h>
 #include <unistd.h>
 
 #include "shell/HelperServerClient.hpp"

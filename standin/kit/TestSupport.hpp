@@ -25,8 +25,7 @@ class TempDir {
 public:
     TempDir();
     ~TempDir();
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
+    TempDir(TempDir&&) = delete; // neither copied nor moved
     const std::filesystem::path& path() const { return m_path; }
     std::filesystem::path operator/(const std::string& name) const { return m_path / name; }
 
@@ -56,8 +55,7 @@ class ScopedEnvironment {
 public:
     ScopedEnvironment() = default;
     ~ScopedEnvironment();
-    ScopedEnvironment(const ScopedEnvironment&) = delete;
-    ScopedEnvironment& operator=(const ScopedEnvironment&) = delete;
+    ScopedEnvironment(ScopedEnvironment&&) = delete; // neither copied nor moved
     void set(const std::string& name, const std::string& value);
     void unset(const std::string& name);
 
@@ -73,8 +71,7 @@ class PrivateBus {
 public:
     PrivateBus();
     ~PrivateBus();
-    PrivateBus(const PrivateBus&) = delete;
-    PrivateBus& operator=(const PrivateBus&) = delete;
+    PrivateBus(PrivateBus&&) = delete; // neither copied nor moved
     std::string address() const;
     // Whether `name` has an owner on this bus right now.
     bool hasOwner(const std::string& name) const;
