@@ -2,6 +2,7 @@
 // in a bundle, beside the stand-in Vantor product on a private session bus.
 // Nothing here is simulated inside the launcher; the product around it is.
 #include <csignal>
+#include <cstdlib>
 #include <iostream>
 #include <sstream>
 
