@@ -2,20 +2,27 @@
 // in a bundle, beside the stand-in Vantor product on a private session bus.
 // Nothing here is simulated inside the launcher; the product around it is.
 #include <csignal>
-#include <cstdio>
+#include <cstdlib>
 #include <iostream>
+#include <sstream>
 
-#include "standin/kit/LauncherHarness.hpp"
-#include "standin/kit/StandinTools.hpp"
+#include <unistd.h>
+
+#include "standin/kit/StandinWorld.hpp"
 
 using namespace std::chrono_literals;
 using namespace vt::test;
 
 namespace {
 
-[[noreturn]] void fail(const std::string& what, const LauncherHarness& h)
+void say(const std::string& text) { std::cout << text << "\n" << std::flush; }
+
+// Ends the story when something it waited for did not happen.
+void expect(bool happened, const std::string& what, StandinWorld& w)
 {
-    std::cout << "\ndemo: " << what << " did not happen in time. The launcher's log:\n" << h.launcherLog() << std::flush;
+    if (happened)
+        return;
+    say("\ndemo: " + what + " did not happen in time. The launcher's log:\n" + w.launcherLog());
     std::exit(1);
 }
 
@@ -27,12 +34,10 @@ std::string quoted(const std::vector<std::string>& words)
     return text;
 }
 
-void say(const std::string& text) { std::cout << text << "\n" << std::flush; }
-
 // The launcher's own log lines that contain `text`, without their stamps.
-void showLog(const LauncherHarness& h, const std::string& text, int run = 0)
+void showLog(const StandinWorld& w, const std::string& text)
 {
-    std::istringstream lines(h.launcherLog(run));
+    std::istringstream lines(w.launcherLog());
     std::string line;
     while (std::getline(lines, line)) {
         auto bracket = line.find("] ");
@@ -51,9 +56,11 @@ void showTool(const ToolRecord& record, const std::string& tag)
         + std::to_string(record.environment.size() - 2) + " more from the helper server");
 }
 
-void showCommands(const StandinTools& tools, size_t from)
+// Shows the window commands from the `from`-th on, once there are `count`.
+void showCommands(StandinWorld& w, size_t from, size_t count, const std::string& what)
 {
-    auto texts = tools.commandTexts();
+    expect(w.records.waitFor("request", count), what, w);
+    auto texts = w.records.commandTexts();
     for (size_t i = from; i < texts.size(); ++i)
         say("     window command: " + texts[i]);
 }
@@ -62,74 +69,64 @@ void showCommands(const StandinTools& tools, size_t from)
 
 int main()
 {
-    LauncherHarness h;
-    StandinTools tools(h.dir / "tools");
-    tools.install(h.mainApp);
-    h.launcherInfo["CFBundleDocumentTypes"] = vt::PlistArray {
+    StandinWorld w;
+    w.launcherInfo["CFBundleDocumentTypes"] = vt::PlistArray {
         vt::PlistDict { { "CFBundleTypeExtensions", vt::PlistArray { "txt" } } } };
-    tools.writeServerEnvironment(h.dir / "server.env", { { "WINEPREFIX", "/bottles/Office" } });
+    w.serverDictionary["WINEPREFIX"] = "/bottles/Office";
     // The main application is not running: the launcher starts it, and it
     // brings up the helper server, whose bottle needs two seconds.
-    EnvironmentChanges product { { "VT_STANDIN_SERVE_HELPER", "1" }, { "VT_STANDIN_NOT_READY", "2" },
-                                 { "VT_STANDIN_SERVER_ENV", (h.dir / "server.env").string() } };
+    EnvironmentChanges product { { "VT_STANDIN_SERVE_HELPER", "1" }, { "VT_STANDIN_NOT_READY", "2" } };
 
     say("Vantor launcher demo: the real vtlauncher beside the stand-in Vantor product, on a private bus.");
-    say("  main application: " + h.mainApp.string() + " (not running yet)");
-    say("  tools:            " + (h.mainApp / "Contents/SharedSupport/Vantor/bin").string());
+    say("  main application: " + w.mainApp.string() + " (not running yet)");
+    say("  tools:            " + (w.mainApp / "Contents/SharedSupport/Vantor/bin").string());
 
     say("\n1. The user opens Notepad.app (bottle \"Office\", menu entry \"Programs/Notepad.lnk\").");
-    auto launcher = h.startLauncher({}, product);
-    std::string tag = std::to_string(launcher->pid());
-    if (!h.waitForLog("start-up done") || !tools.waitForRecords(2))
-        fail("start-up", h);
+    auto& launcher = w.startLauncher({}, product);
+    std::string tag = std::to_string(launcher.pid());
+    expect(w.waitForLog("start-up done") && w.records.waitForTools(2), "start-up", w);
     say("   The main application was started in the background to open the launcher's bundle:");
-    for (const auto& line : readLines(h.mainAppRecord()))
-        say("     main application: " + line);
-    showLog(h, "looking for the helper server");
-    showLog(h, "is not ready yet");
-    showLog(h, "start-up done");
+    for (const auto& event : w.records.texts("main-app"))
+        say("     main application: " + event);
+    showLog(w, "looking for the helper server");
+    showLog(w, "is not ready yet");
+    showLog(w, "start-up done");
     say("   The window-command tool runs under wine, and the Windows program through vtmenu:");
-    showTool(tools.records("wine").at(0), tag);
-    auto menu = tools.records("vtmenu").at(0);
+    showTool(w.records.tools("wine").at(0), tag);
+    auto menu = w.records.tools("vtmenu").at(0);
     showTool(menu, tag);
 
     say("\n2. The user opens Report.txt with Notepad: a declared document type goes to vtstart.");
-    h.startLauncher({ (h.dir / "Report.txt").string() }, product)->waitForExit();
-    if (!tools.waitForRecords("vtstart", 1))
-        fail("opening the document", h);
-    showTool(tools.records("vtstart").at(0), tag);
+    w.startLauncher({ (w.dir / "Report.txt").string() }, product).waitForExit();
+    expect(w.records.waitForTools(1, "vtstart"), "opening the document", w);
+    showTool(w.records.tools("vtstart").at(0), tag);
 
     say("\n3. The user clicks Notepad again: no second copy, the program's windows are raised.");
-    size_t seen = tools.commandTexts().size();
-    h.startLauncher({}, product)->waitForExit();
-    if (!tools.waitForCommands(seen + 1))
-        fail("activation", h);
-    showCommands(tools, seen);
-    std::string raised;
-    for (const auto& line : readLines(h.serverRecord())) {
-        if (line.find("RaiseWindowsWithTag") != std::string::npos)
-            raised = line.substr(line.find(' ') + 1);
-    }
-    say("     helper server asked: " + raised);
-    say("     vtmenu processes: " + std::to_string(tools.records("vtmenu").size()));
+    size_t seen = w.records.texts("request").size();
+    w.startLauncher({}, product).waitForExit();
+    showCommands(w, seen, seen + 1, "activation");
+    say("     helper server asked: " + w.records.texts("call").back());
+    say("     vtmenu processes: " + std::to_string(w.records.tools("vtmenu").size()));
 
     say("\n4. The user quits, but the program has unsaved work and says no.");
-    tools.setAnswer("queryendsession", "0");
-    seen = tools.commandTexts().size();
-    launcher->signal(SIGTERM);
-    if (!tools.waitForCommands(seen + 3) || !h.waitForLog("quit cancelled"))
-        fail("the refused quit", h);
-    showCommands(tools, seen);
-    say(std::string("     the launcher is ") + (launcher->running() ? "still running" : "gone (wrong!)"));
+    w.setAnswer("queryendsession", "0");
+    seen = w.records.texts("request").size();
+    launcher.signal(SIGTERM);
+    showCommands(w, seen, seen + 3, "the refused quit");
+    expect(w.waitForLog("quit cancelled"), "the refused quit", w);
+    say(std::string("     the launcher is ") + (launcher.running() ? "still running" : "gone (wrong!)"));
 
     say("\n5. The user saves and quits again; the program agrees.");
-    tools.setAnswer("queryendsession", "1");
-    seen = tools.commandTexts().size();
-    launcher->signal(SIGTERM);
-    auto status = launcher->waitForExit();
-    showCommands(tools, seen);
+    w.setAnswer("queryendsession", "1");
+    seen = w.records.texts("request").size();
+    launcher.signal(SIGTERM);
+    auto status = launcher.waitForExit();
+    showCommands(w, seen, seen + 4, "the agreed quit");
     say("     the launcher exited with status " + (status ? std::to_string(*status) : std::string("?")));
-    say(std::string("     vtmenu was ") + (tools.ending(menu.pid) ? "ended by someone (wrong!)" : "never signalled")
+    terminateAndWait(menu.pid);
+    expect(waitUntil([&] { return w.records.endedBy(menu.pid).has_value(); }), "the end of the program", w);
+    bool byLauncher = w.records.endedBy(menu.pid) != getpid();
+    say(std::string("     vtmenu was ") + (byLauncher ? "ended by the launcher (wrong!)" : "never signalled by the launcher")
         + ": the Windows side ends the session itself.");
-    return status == 0 ? 0 : 1;
+    return status == 0 && !byLauncher ? 0 : 1;
 }

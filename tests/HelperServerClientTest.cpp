@@ -1,12 +1,12 @@
 #include <atomic>
 #include <csignal>
 #include <latch>
-#include <sstream>
 #include <thread>
 
 #include <gtest/gtest.h>
 
 #include "shell/HelperServerClient.hpp"
+#include "standin/kit/Records.hpp"
 #include "standin/kit/TestSupport.hpp"
 
 using namespace std::chrono_literals;
@@ -15,12 +15,6 @@ using vt::HelperServerError;
 using vt::test::waitUntil;
 
 namespace {
-
-// One line of the stand-in server's record.
-struct RecordedCall {
-    int64_t milliseconds;
-    std::string call;
-};
 
 int64_t monotonicMilliseconds() { return g_get_monotonic_time() / 1000; }
 
@@ -35,7 +29,7 @@ protected:
             { "VT_STANDIN_GONE_AFTER", std::nullopt },
             { "VT_STANDIN_SERVER_DELAY_MS", std::nullopt },
             { "VT_STANDIN_SERVER_ENV", std::nullopt },
-            { "VT_STANDIN_SERVER_RECORD", recordPath.string() },
+            { "VT_STANDIN_RECORDS", records.path().string() },
         };
         for (const auto& [name, value] : settings)
             changes[name] = value;
@@ -47,29 +41,11 @@ protected:
         }
     }
 
-    std::vector<RecordedCall> recordedCalls() const
-    {
-        std::vector<RecordedCall> calls;
-        std::istringstream lines(vt::test::readFile(recordPath));
-        std::string line;
-        while (std::getline(lines, line)) {
-            auto space = line.find(' ');
-            calls.push_back({ std::stoll(line.substr(0, space)), line.substr(space + 1) });
-        }
-        return calls;
-    }
-
-    std::vector<std::string> recordedCallNames() const
-    {
-        std::vector<std::string> names;
-        for (const auto& call : recordedCalls())
-            names.push_back(call.call);
-        return names;
-    }
+    std::vector<std::string> recordedCallNames() const { return records.texts("call"); }
 
     vt::test::PrivateBus bus;
     vt::test::TempDir dir;
-    std::filesystem::path recordPath = dir / "record";
+    vt::test::RecordReader records { dir / "records" };
     std::unique_ptr<vt::test::TestProcess> server;
 };
 
@@ -113,20 +89,18 @@ TEST_F(HelperServerClientTest, BottleBecomesReadyAfterTheNotReadyAnswers)
 
     // The bottle name reaches the server verbatim, and the timestamps share
     // our clock, so start-up tests can measure the spacing of polls.
-    auto calls = recordedCalls();
-    ASSERT_EQ(calls.size(), 5u);
+    EXPECT_EQ(recordedCallNames(), std::vector<std::string>(5, "IsServerReadyForBottle " + bottle));
     int64_t previous = before;
-    for (const auto& call : calls) {
-        EXPECT_EQ(call.call, "IsServerReadyForBottle " + bottle);
-        EXPECT_GE(call.milliseconds, previous);
-        EXPECT_LE(call.milliseconds, after);
-        previous = call.milliseconds;
+    for (int64_t milliseconds : records.times("call", "IsServerReadyForBottle " + bottle)) {
+        EXPECT_GE(milliseconds, previous);
+        EXPECT_LE(milliseconds, after);
+        previous = milliseconds;
     }
 
     // A name D-Bus cannot carry is refused here instead of being sent.
     EXPECT_THROW(client->isServerReadyForBottle("Steam\xff"), HelperServerError);
     EXPECT_THROW(client->isServerReadyForBottle(std::string("Ste\0am", 6)), HelperServerError);
-    EXPECT_EQ(recordedCalls().size(), 5u);
+    EXPECT_EQ(recordedCallNames().size(), 5u);
 }
 
 TEST_F(HelperServerClientTest, EnvironmentArrivesExactly)

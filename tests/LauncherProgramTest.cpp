@@ -6,9 +6,9 @@
 #include <sstream>
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
-#include "standin/kit/LauncherHarness.hpp"
-#include "standin/kit/StandinTools.hpp"
+#include "standin/kit/StandinWorld.hpp"
 
 using namespace std::chrono_literals;
 using namespace vt::test;
@@ -21,69 +21,67 @@ class LauncherProgram : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        tools.install(h.mainApp);
-        h.launcherInfo["CFBundleDocumentTypes"] = vt::PlistArray {
+        w.launcherInfo["CFBundleDocumentTypes"] = vt::PlistArray {
             vt::PlistDict { { "CFBundleTypeExtensions", vt::PlistArray { "txt", "doc" } } },
             vt::PlistDict { { "CFBundleTypeExtensions", vt::PlistArray { "txt" } } },
         };
         // The server's own VT_WINDOW_TAG must lose against the launcher's.
-        serverEnvironment = tools.variables();
-        serverEnvironment["SERVER_ONLY"] = "from the helper server";
-        serverEnvironment["VT_WINDOW_TAG"] = "server value";
-        tools.writeServerEnvironment(h.dir / "server.env", serverEnvironment);
+        w.serverDictionary["SERVER_ONLY"] = "from the helper server";
+        w.serverDictionary["VT_WINDOW_TAG"] = "server value";
+        w.startHelperServer();
     }
 
-    void startServer(const EnvironmentChanges& extra = {})
+    // Starts the launcher and waits until the window-command tool and
+    // `programs` processes of the Windows program run.
+    TestProcess& launch(const Strings& arguments = {}, size_t programs = 1)
     {
-        EnvironmentChanges settings = extra;
-        settings["VT_STANDIN_SERVER_ENV"] = (h.dir / "server.env").string();
-        h.startHelperServer(settings);
-    }
-
-    // Starts the launcher and waits until the window-command tool runs.
-    std::unique_ptr<TestProcess> launch(const Strings& arguments = {}, size_t programs = 1)
-    {
-        auto launcher = h.startLauncher(arguments);
-        EXPECT_TRUE(tools.waitForRecords(1 + programs)) << h.launcherLog();
+        TestProcess& launcher = w.startLauncher(arguments);
+        EXPECT_TRUE(w.records.waitForTools(1 + programs)) << w.launcherLog();
         return launcher;
     }
 
     // How often the main application was brought to the front.
     long mainAppActivations() const
     {
-        auto record = readLines(h.mainAppRecord());
-        return std::count(record.begin(), record.end(), "activate");
+        auto events = w.records.texts("main-app");
+        return std::count(events.begin(), events.end(), "activate");
     }
 
     Strings commandsAfter(size_t skip) const
     {
-        Strings texts = tools.commandTexts();
+        Strings texts = w.records.commandTexts();
         return Strings(texts.begin() + std::min(skip, texts.size()), texts.end());
     }
 
-    LauncherHarness h;
-    StandinTools tools { h.dir / "tools" };
-    std::map<std::string, std::string> serverEnvironment;
+    // Quits the launcher that has answered its first window command and
+    // waits until the program has been asked `commands` more of them.
+    void quitAfterFirstCommand(TestProcess& launcher, size_t commands)
+    {
+        ASSERT_TRUE(w.records.waitFor("request", 1));
+        launcher.signal(SIGTERM);
+        ASSERT_TRUE(w.records.waitFor("request", 1 + commands)) << w.launcherLog();
+    }
+
+    StandinWorld w;
 };
 
 } // namespace
 
 TEST_F(LauncherProgram, UntitledStartRunsTheMenuEntryWithExactArgumentsAndEnvironment)
 {
-    startServer();
-    auto launcher = launch();
+    auto& launcher = launch();
 
-    auto wine = tools.records("wine").at(0);
+    auto wine = w.records.tools("wine").at(0);
     EXPECT_EQ(wine.arguments(), (Strings { "--bottle", "Office", "--wl-app", "sendwndcmd", "-n", "-e", "explorer;apprunner" }));
     EXPECT_EQ(wine.standardInput, "pipe");
     EXPECT_EQ(wine.standardOutput, "pipe");
 
-    auto menu = tools.records("vtmenu").at(0);
-    EXPECT_EQ(menu.argv.at(0), (h.mainApp / "Contents/SharedSupport/Vantor/bin/vtmenu").string());
+    auto menu = w.records.tools("vtmenu").at(0);
+    EXPECT_EQ(menu.argv.at(0), (w.mainApp / "Contents/SharedSupport/Vantor/bin/vtmenu").string());
     EXPECT_EQ(menu.arguments(), (Strings { "--bottle", "Office", "--wait-children", "--enable-alt-loader", "macdrv",
                                            "--start", "Programs/Notepad.lnk" }));
-    auto expected = serverEnvironment;
-    expected["VT_WINDOW_TAG"] = std::to_string(launcher->pid());
+    auto expected = w.serverDictionary;
+    expected["VT_WINDOW_TAG"] = std::to_string(launcher.pid());
     expected["VT_LAUNCHER_BUNDLE_NAME"] = "Notepad";
     EXPECT_EQ(menu.environment, expected);
     EXPECT_EQ(wine.environment, expected);
@@ -94,13 +92,12 @@ TEST_F(LauncherProgram, UntitledStartRunsTheMenuEntryWithExactArgumentsAndEnviro
 
 TEST_F(LauncherProgram, EachFileGetsItsOwnProcess)
 {
-    startServer();
-    auto a = (h.dir / "a.txt").string(), b = (h.dir / "b.doc").string(), c = (h.dir / "c.pdf").string(),
-         upper = (h.dir / "X.TXT").string();
-    auto launcher = launch({ a, b, c, upper }, 4);
+    auto a = (w.dir / "a.txt").string(), b = (w.dir / "b.doc").string(), c = (w.dir / "c.pdf").string(),
+         upper = (w.dir / "X.TXT").string();
+    launch({ a, b, c, upper }, 4);
 
-    auto starts = tools.records("vtstart");
-    auto menus = tools.records("vtmenu");
+    auto starts = w.records.tools("vtstart");
+    auto menus = w.records.tools("vtmenu");
     ASSERT_EQ(starts.size(), 2u);
     ASSERT_EQ(menus.size(), 2u);
     Strings documentList { "--bottle", "Office", "--wait-children", "--enable-alt-loader", "macdrv", "--" };
@@ -120,29 +117,27 @@ TEST_F(LauncherProgram, EachFileGetsItsOwnProcess)
     EXPECT_EQ(argumentLists(starts), (std::set<Strings> { with(documentList, a), with(documentList, b) }));
     EXPECT_EQ(argumentLists(menus), (std::set<Strings> { with(menuList, c), with(menuList, upper) }))
         << "extensions are compared with their case";
-    EXPECT_TRUE(h.waitForLog("open reply 0"));
+    EXPECT_TRUE(w.waitForLog("open reply 0"));
 }
 
 TEST_F(LauncherProgram, AURLGoesToVtstartWithItsOwnList)
 {
-    startServer();
     std::string url = "https://example.com/caf\xC3\xA9?q=a b";
-    auto launcher = launch({ url });
-    auto start = tools.records("vtstart").at(0);
+    launch({ url });
+    auto start = w.records.tools("vtstart").at(0);
     EXPECT_EQ(start.arguments(), (Strings { "--bottle", "Office", "--enable-alt-loader", "macdrv--", url }));
-    EXPECT_TRUE(tools.records("vtmenu").empty());
+    EXPECT_TRUE(w.records.tools("vtmenu").empty());
 }
 
 TEST_F(LauncherProgram, ASecondClickRaisesTheWindowsInsteadOfStartingAgain)
 {
-    startServer();
-    tools.setAnswer("haswindows", "1");
-    auto launcher = launch();
+    w.setAnswer("haswindows", "1");
+    auto& launcher = launch();
     auto count = [](const Strings& lines, const std::string& text) {
         return std::count_if(lines.begin(), lines.end(), [&](const std::string& l) { return l.ends_with(text); });
     };
     auto unhides = [&] {
-        std::istringstream log(h.launcherLog());
+        std::istringstream log(w.launcherLog());
         Strings lines;
         for (std::string line; std::getline(log, line);)
             lines.push_back(line);
@@ -150,143 +145,133 @@ TEST_F(LauncherProgram, ASecondClickRaisesTheWindowsInsteadOfStartingAgain)
     };
     // The launch's own activation has run its course, and the main
     // application is up.
-    ASSERT_TRUE(waitUntil([&] { return unhides() == 1 && h.bus.hasOwner(vt::kVantorBundleIdentifier); }));
+    ASSERT_TRUE(waitUntil([&] { return unhides() == 1 && w.bus.hasOwner(vt::kVantorBundleIdentifier); }));
     auto before = mainAppActivations();
 
-    auto again = h.startLauncher();
-    EXPECT_EQ(again->waitForExit(), 0);
+    EXPECT_EQ(w.startLauncher().waitForExit(), 0);
     ASSERT_TRUE(waitUntil([&] { return unhides() == 2; }));
-    EXPECT_EQ(tools.records("vtmenu").size(), 1u) << "no second copy of the program";
+    EXPECT_EQ(w.records.tools("vtmenu").size(), 1u) << "no second copy of the program";
     // With windows to show, the main application comes forward and the
     // launcher steps back.
     EXPECT_EQ(mainAppActivations(), before + 1);
 
-    std::string tag = std::to_string(launcher->pid());
-    auto requests = tools.commands();
+    std::string tag = std::to_string(launcher.pid());
+    auto requests = w.records.texts("request");
     ASSERT_EQ(requests.size(), 2u);
     EXPECT_EQ(requests[0], "-t " + tag + " -c helperDelegateCommand0 -a haswindows\n");
     EXPECT_EQ(requests[1], "-t " + tag + " -c helperDelegateCommand1 -a haswindows\n");
-    EXPECT_TRUE(waitUntil([&] { return count(readLines(h.serverRecord()), " RaiseWindowsWithTag " + tag) == 2; }));
+    EXPECT_TRUE(waitUntil([&] { return count(w.records.texts("call"), "RaiseWindowsWithTag " + tag) == 2; }));
 }
 
 TEST_F(LauncherProgram, QuitWhileTheProgramAgreesEndsTheSessionAndExits)
 {
-    startServer();
-    tools.setAnswer("haswindows", "0");
-    auto launcher = launch();
-    ASSERT_TRUE(tools.waitForCommands(1));
-    auto menu = tools.records("vtmenu").at(0);
+    w.setAnswer("haswindows", "0");
+    auto& launcher = launch();
+    auto menu = w.records.tools("vtmenu").at(0);
 
-    launcher->signal(SIGTERM);
-    EXPECT_EQ(launcher->waitForExit(), 0);
+    quitAfterFirstCommand(launcher, 4);
+    EXPECT_EQ(launcher.waitForExit(), 0);
     EXPECT_EQ(commandsAfter(1), (Strings { "close", "queryendsession", "endsession", "shutdown" }));
-    EXPECT_FALSE(tools.ending(menu.pid)) << "the launcher never ends the program by force";
-    EXPECT_EQ(kill(menu.pid, 0), 0);
+    // The program is still there; whoever ends it now is not the launcher.
+    EXPECT_FALSE(w.records.endedBy(menu.pid));
+    ASSERT_TRUE(terminateAndWait(menu.pid));
+    ASSERT_TRUE(waitUntil([&] { return w.records.endedBy(menu.pid).has_value(); }));
+    EXPECT_EQ(w.records.endedBy(menu.pid), getpid()) << "the launcher never ends the program by force";
 }
 
 TEST_F(LauncherProgram, QuitActivatesTheMainApplicationBeforeAskingTheWindows)
 {
-    startServer();
-    tools.setAnswer("haswindows", "0");
-    tools.setAnswer("close", "silent");
-    auto launcher = launch();
-    ASSERT_TRUE(tools.waitForCommands(1));
+    w.setAnswer("haswindows", "0");
+    w.setAnswer("close", "silent");
+    auto& launcher = launch();
+    ASSERT_TRUE(w.records.waitFor("request", 1));
     EXPECT_EQ(mainAppActivations(), 0);
     // The launcher started the main application in the background; once it is up...
-    ASSERT_TRUE(waitUntil([&] { return h.bus.hasOwner(vt::kVantorBundleIdentifier); }));
-    launcher->signal(SIGTERM);
-    ASSERT_TRUE(tools.waitForCommands(2));
-    EXPECT_EQ(mainAppActivations(), 1) << testing::PrintToString(readLines(h.mainAppRecord())) << h.launcherLog();
+    ASSERT_TRUE(waitUntil([&] { return w.bus.hasOwner(vt::kVantorBundleIdentifier); }));
+    quitAfterFirstCommand(launcher, 1);
+    EXPECT_EQ(mainAppActivations(), 1) << testing::PrintToString(w.records.texts("main-app")) << w.launcherLog();
 }
 
 TEST_F(LauncherProgram, QuitRefusedByTheProgramKeepsEverythingRunning)
 {
-    startServer();
-    tools.setAnswer("haswindows", "0");
-    tools.setAnswer("queryendsession", "0");
-    auto launcher = launch();
-    ASSERT_TRUE(tools.waitForCommands(1));
+    w.setAnswer("haswindows", "0");
+    w.setAnswer("queryendsession", "0");
+    auto& launcher = launch();
 
-    launcher->signal(SIGTERM);
-    ASSERT_TRUE(tools.waitForCommands(4));
-    ASSERT_TRUE(h.waitForLog("quit cancelled"));
+    quitAfterFirstCommand(launcher, 3);
+    ASSERT_TRUE(w.waitForLog("quit cancelled"));
     EXPECT_EQ(commandsAfter(1), (Strings { "close", "queryendsession", "endsessioncancel" }));
-    EXPECT_TRUE(h.waitForLog("] hide"));
+    EXPECT_TRUE(w.waitForLog("] hide"));
 
     // A failing "close" stops the sequence at once.
-    tools.setAnswer("close", "0");
-    launcher->signal(SIGTERM);
-    ASSERT_TRUE(tools.waitForCommands(5));
-    ASSERT_TRUE(waitUntil([&] { return h.launcherLog().find("quit cancelled") != h.launcherLog().rfind("quit cancelled"); }));
+    w.setAnswer("close", "0");
+    launcher.signal(SIGTERM);
+    ASSERT_TRUE(w.records.waitFor("request", 5));
+    ASSERT_TRUE(waitUntil([&] { return w.launcherLog().find("quit cancelled") != w.launcherLog().rfind("quit cancelled"); }));
     EXPECT_EQ(commandsAfter(4), (Strings { "close" }));
-    EXPECT_TRUE(launcher->running());
+    EXPECT_TRUE(launcher.running());
 }
 
 TEST_F(LauncherProgram, WithTheWindowCommandToolGoneTheQuitIsRefused)
 {
-    startServer();
-    tools.setAnswer("haswindows", "exit"); // the tool goes away instead of answering
-    auto launcher = launch();
-    ASSERT_TRUE(h.waitForLog("Message mismatch.  Expected helperDelegateCommand0 and got .\n"));
-    ASSERT_TRUE(h.waitForLog("a process of the Windows program ended"));
+    w.setAnswer("haswindows", "exit"); // the tool goes away instead of answering
+    auto& launcher = launch();
+    ASSERT_TRUE(w.waitForLog("Message mismatch.  Expected helperDelegateCommand0 and got .\n"));
+    ASSERT_TRUE(w.waitForLog("a process of the Windows program ended"));
 
-    launcher->signal(SIGTERM);
-    ASSERT_TRUE(h.waitForLog("quit cancelled"));
-    EXPECT_EQ(tools.commandTexts(), (Strings { "haswindows" })) << "nothing is written to a tool that has gone";
-    EXPECT_TRUE(launcher->running());
+    launcher.signal(SIGTERM);
+    ASSERT_TRUE(w.waitForLog("quit cancelled"));
+    EXPECT_EQ(w.records.commandTexts(), (Strings { "haswindows" })) << "nothing is written to a tool that has gone";
+    EXPECT_TRUE(launcher.running());
 }
 
 TEST_F(LauncherProgram, WhenTheLastProcessEndsTheLauncherQuits)
 {
-    h.desktop.writeVantorDefaults({ { "DisableWineIntegration", true } });
-    startServer();
-    auto launcher = launch();
-    auto menu = tools.records("vtmenu").at(0);
+    w.desktop.writeVantorDefaults({ { "DisableWineIntegration", true } });
+    auto& launcher = launch();
+    auto menu = w.records.tools("vtmenu").at(0);
     EXPECT_FALSE(menu.environment.count("VT_APPRUNNER_ALT_LOADER_SOCKET"));
-    tools.end(menu.pid);
-    EXPECT_EQ(launcher->waitForExit(), 0);
-    EXPECT_TRUE(tools.commandTexts().size() <= 1u) << "nothing to end: the program has ended itself";
+    kill(menu.pid, SIGTERM);
+    EXPECT_EQ(launcher.waitForExit(), 0);
+    EXPECT_TRUE(w.records.commandTexts().size() <= 1u) << "nothing to end: the program has ended itself";
 }
 
 TEST_F(LauncherProgram, AToolThatCannotRunIsReportedAndTheLauncherStays)
 {
-    startServer();
-    std::filesystem::remove(h.mainApp / "Contents/SharedSupport/Vantor/bin/vtstart");
-    auto launcher = launch({ (h.dir / "a.txt").string(), (h.dir / "b.pdf").string() }, 1);
-    ASSERT_TRUE(h.waitForLog("open reply 2"));
-    std::string vtstart = (h.mainApp / "Contents/SharedSupport/Vantor/bin/vtstart").string();
-    EXPECT_NE(h.launcherLog().find("Cannot start the Windows program: cannot launch '" + vtstart
+    std::filesystem::remove(w.mainApp / "Contents/SharedSupport/Vantor/bin/vtstart");
+    auto& launcher = launch({ (w.dir / "a.txt").string(), (w.dir / "b.pdf").string() }, 1);
+    ASSERT_TRUE(w.waitForLog("open reply 2"));
+    std::string vtstart = (w.mainApp / "Contents/SharedSupport/Vantor/bin/vtstart").string();
+    EXPECT_NE(w.launcherLog().find("Cannot start the Windows program: cannot launch '" + vtstart
                                    + "': No such file or directory."),
               std::string::npos)
-        << h.launcherLog();
-    EXPECT_EQ(tools.records("vtmenu").size(), 1u) << "the other file still opened";
-    EXPECT_TRUE(launcher->running());
+        << w.launcherLog();
+    EXPECT_EQ(w.records.tools("vtmenu").size(), 1u) << "the other file still opened";
+    EXPECT_TRUE(launcher.running());
 }
 
 TEST_F(LauncherProgram, AnswersMustNameTheirCommandExactly)
 {
-    startServer();
-    tools.setAnswer("haswindows", "raw:{id}:1:x\\n");
-    auto launcher = launch();
-    ASSERT_TRUE(h.waitForLog("Message mismatch.  Expected helperDelegateCommand0 and got helperDelegateCommand0:1:x\n.\n"))
-        << h.launcherLog();
+    w.setAnswer("haswindows", "raw:{id}:1:x\\n");
+    launch();
+    ASSERT_TRUE(w.waitForLog("Message mismatch.  Expected helperDelegateCommand0 and got helperDelegateCommand0:1:x\n.\n"))
+        << w.launcherLog();
 
-    tools.setAnswer("haswindows", "raw:helperDelegateCommand0:1\\n");
-    h.startLauncher()->waitForExit();
-    ASSERT_TRUE(h.waitForLog("Message mismatch.  Expected helperDelegateCommand1 and got helperDelegateCommand0:1\n.\n"));
-    EXPECT_EQ(h.launcherLog().find("unhide without activation"), std::string::npos);
+    w.setAnswer("haswindows", "raw:helperDelegateCommand0:1\\n");
+    w.startLauncher().waitForExit();
+    ASSERT_TRUE(w.waitForLog("Message mismatch.  Expected helperDelegateCommand1 and got helperDelegateCommand0:1\n.\n"));
+    EXPECT_EQ(w.launcherLog().find("unhide without activation"), std::string::npos);
 
     // Any number but 0 is a yes.
-    tools.setAnswer("haswindows", "raw:{id}: 2\\n");
-    h.startLauncher()->waitForExit();
-    EXPECT_TRUE(h.waitForLog("unhide without activation"));
+    w.setAnswer("haswindows", "raw:{id}: 2\\n");
+    w.startLauncher().waitForExit();
+    EXPECT_TRUE(w.waitForLog("unhide without activation"));
 }
 
 TEST_F(LauncherProgram, AMissingMenuPathEndsTheArgumentListThere)
 {
-    h.launcherInfo.erase("VantorHelperMenuPath");
-    startServer();
-    auto launcher = launch();
-    EXPECT_EQ(tools.records("vtmenu").at(0).arguments(),
+    w.launcherInfo.erase("VantorHelperMenuPath");
+    launch();
+    EXPECT_EQ(w.records.tools("vtmenu").at(0).arguments(),
               (Strings { "--bottle", "Office", "--wait-children", "--enable-alt-loader", "macdrv", "--start" }));
 }

@@ -9,6 +9,7 @@
 
 #include "source/UserDefaults.hpp"
 #include "standin/kit/Bundles.hpp"
+#include "standin/kit/Records.hpp"
 #include "standin/kit/TestSupport.hpp"
 
 using vt::PlistArray;
@@ -77,15 +78,15 @@ protected:
         auto process = std::make_unique<TestProcess>(
             std::vector<std::string> { (bundle / "Contents/MacOS/Vantor").string() },
             environmentWith({ { "DBUS_SESSION_BUS_ADDRESS", bus->address() },
-                              { "VT_STANDIN_RECORD", record.string() } }));
-        EXPECT_TRUE(waitUntil([this] { return readLines(record).size() >= 2; }));
-        EXPECT_EQ(readLines(record).back(), "activate");
+                              { "VT_STANDIN_RECORDS", records.path().string() } }));
+        EXPECT_TRUE(waitUntil([this] { return records.texts("main-app").size() >= 2; }));
+        EXPECT_EQ(records.texts("main-app").back(), "activate");
         return process;
     }
 
     TempDir dir;
     Desktop desktop { dir / "desktop" };
-    std::filesystem::path record = dir / "main-app.record";
+    vt::test::RecordReader records { dir / "records" };
     std::optional<vt::test::PrivateBus> bus;
 
 private:
@@ -214,22 +215,22 @@ TEST_F(MainApp, ARunningCopyIsToldToOpenAndActivatedOnlyWhenAllowedToSwitch)
 {
     bus.emplace();
     auto process = startMainApp(desktop.addMainApp({ .bundle = dir / "Vantor.app" }));
-    Lines expected = readLines(record);
+    Lines expected = records.texts("main-app");
     std::string first = "file://" + bundle("Notepad.app");
     std::string second = "file://" + bundle("Paint.app");
 
     EXPECT_EQ(probe({ "open", vt::kVantorBundleIdentifier, vt::kVantorURLScheme, "0x300", first }), (Lines { "YES", "children none" }));
     expected.push_back("open " + first);
-    EXPECT_EQ(readLines(record), expected);
+    EXPECT_EQ(records.texts("main-app"), expected);
 
     EXPECT_EQ(probe({ "open", vt::kVantorBundleIdentifier, vt::kVantorURLScheme, "0", second }), (Lines { "YES", "children none" }));
     expected.push_back("open " + second);
     expected.push_back("activate");
-    EXPECT_EQ(readLines(record), expected);
+    EXPECT_EQ(records.texts("main-app"), expected);
 
     // Launching what already runs leaves it alone.
     EXPECT_EQ(probe({ "launch", vt::kVantorBundleIdentifier, vt::kVantorURLScheme, "0" }), (Lines { "YES", "children none" }));
-    EXPECT_EQ(readLines(record), expected);
+    EXPECT_EQ(records.texts("main-app"), expected);
     EXPECT_TRUE(process->running());
 }
 
@@ -241,10 +242,10 @@ TEST_F(MainApp, TheChosenCopyIsStartedWithTheUrlsWhenNoneRuns)
     std::string url = "file://" + bundle("Notepad.app");
 
     EXPECT_EQ(probe({ "open", vt::kVantorBundleIdentifier, vt::kVantorURLScheme, "0x300", url },
-                    { { "VT_STANDIN_RECORD", record.string() } }),
+                    { { "VT_STANDIN_RECORDS", records.path().string() } }),
               (Lines { "YES", "children none" }));
-    ASSERT_TRUE(waitUntil([this] { return readLines(record).size() >= 2; }));
-    EXPECT_EQ(readLines(record), (Lines { "started " + (chosen / "Contents/MacOS/Vantor").string() + " " + url,
+    ASSERT_TRUE(waitUntil([this] { return records.texts("main-app").size() >= 2; }));
+    EXPECT_EQ(records.texts("main-app"), (Lines { "started " + (chosen / "Contents/MacOS/Vantor").string() + " " + url,
                                           "open " + url }));
 
     auto pid = vt::test::busNameOwnerProcess(bus->address(), vt::kVantorBundleIdentifier);

@@ -6,13 +6,11 @@
 
 #include "app/VTFBHelperApp.hpp"
 #include "app/VTFBHelperDelegate.hpp"
-#include "loader/WineLoader.hpp"
 #include "base/NotificationCenter.hpp"
+#include "loader/WineLoader.hpp"
 #include "shell/HelperServerClient.hpp"
 #include "source/VTBundle.hpp"
-#include "standin/kit/Bundles.hpp"
-#include "standin/kit/StandinTools.hpp"
-#include "standin/kit/TestSupport.hpp"
+#include "standin/kit/StandinWorld.hpp"
 
 using namespace vt;
 using namespace vt::test;
@@ -26,28 +24,20 @@ protected:
 
 TEST(WrongArchitecture, HandsTheEntryBackToVtmenuWithTheServersEnvironmentOnly)
 {
-    TempDir dir;
-    PrivateBus bus;
-    Desktop desktop(dir / "desktop");
-    StandinTools tools(dir / "tools");
-    auto mainApp = desktop.addMainApp({ .bundle = dir / "Vantor.app" });
-    tools.install(mainApp);
-    auto serverEnvironment = tools.variables();
-    serverEnvironment["SERVER_ONLY"] = "yes";
-    tools.writeServerEnvironment(dir / "server.env", serverEnvironment);
+    StandinWorld world;
+    world.serverDictionary["SERVER_ONLY"] = "yes";
 
     // A running main application is found over the bus alone.
-    TestProcess running({ (mainApp / "Contents/MacOS/Vantor").string() }, environmentWith({}));
-    TestProcess server({ std::string(VT_STANDIN_DIR) + "/vt-standin-helper-server" },
-                       environmentWith({ { "VT_STANDIN_SERVER_ENV", (dir / "server.env").string() } }));
-    ASSERT_TRUE(waitUntil([&] { return bus.hasOwner(vt::kVantorBundleIdentifier) && bus.hasOwner(vt::kHelperServerBusName); }));
+    TestProcess running({ (world.mainApp / "Contents/MacOS/Vantor").string() }, environmentWith({}));
+    world.startHelperServer();
+    ASSERT_TRUE(waitUntil([&] { return world.bus.hasOwner(vt::kVantorBundleIdentifier) && world.bus.hasOwner(vt::kHelperServerBusName); }));
 
-    writeInfoPlist(dir / "Notepad.app", { { "CFBundleName", "Notepad" }, { "VTHelperAppBottleName", "Office" },
+    writeInfoPlist(world.dir / "Notepad.app", { { "CFBundleName", "Notepad" }, { "VTHelperAppBottleName", "Office" },
                                           { "VantorHelperMenuPath", "Programs/Notepad.lnk" } });
     TestApp app;
-    app.setMainBundle(VTBundle::bundleWithPath(dir / "Notepad.app"));
+    app.setMainBundle(VTBundle::bundleWithPath(world.dir / "Notepad.app"));
     app.helperDelegate().applicationWillFinishLaunching();
-    ASSERT_EQ(app.helperDelegate().settings().vtmenuPath, (mainApp / "Contents/SharedSupport/Vantor/bin/vtmenu").string());
+    ASSERT_EQ(app.helperDelegate().settings().vtmenuPath, (world.mainApp / "Contents/SharedSupport/Vantor/bin/vtmenu").string());
 
     std::thread connection([&] {
         app.helperDelegate().wineLoaderRejectedRequestForWrongArchitecture(Notification {
@@ -56,11 +46,11 @@ TEST(WrongArchitecture, HandsTheEntryBackToVtmenuWithTheServersEnvironmentOnly)
     });
     connection.join();
 
-    ASSERT_TRUE(tools.waitForRecords("vtmenu", 1));
-    auto menu = tools.records("vtmenu").at(0);
+    ASSERT_TRUE(world.records.waitForTools(1, "vtmenu"));
+    auto menu = world.records.tools("vtmenu").at(0);
     EXPECT_EQ(menu.arguments(), (std::vector<std::string> { "--bottle", "Office", "--arch", "i386", "--install",
                                                             "--filter", "Programs/Notepad.lnk" }));
-    EXPECT_EQ(menu.environment, serverEnvironment) << "none of the launcher's own variables";
+    EXPECT_EQ(menu.environment, world.serverDictionary) << "none of the launcher's own variables";
     EXPECT_EQ(std::filesystem::path(menu.directory), std::filesystem::current_path());
     EXPECT_EQ(menu.standardInput, "null");
     EXPECT_FALSE(app.helperDelegate().program().isRunning()) << "it is not tracked";

@@ -1,16 +1,15 @@
 #include "standin/helper_server/HelperServerStandIn.hpp"
 
-#include <cerrno>
 #include <charconv>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <stdexcept>
 
-#include <fcntl.h>
 #include <unistd.h>
 
 #include "shell/HelperServerClient.hpp"
+#include "standin/record/Record.hpp"
 
 namespace vt::standin {
 
@@ -95,8 +94,6 @@ HelperServerSettings HelperServerSettings::fromEnvironment()
             { "LANG", "C.UTF-8" },
             { "VT_STANDIN_HELPER_ENVIRONMENT", "default" },
         };
-    if (const char* path = std::getenv("VT_STANDIN_SERVER_RECORD"))
-        settings.recordPath = path;
     return settings;
 }
 
@@ -138,12 +135,6 @@ HelperServerStandIn::ExportedObject::~ExportedObject()
 HelperServerStandIn::HelperServerStandIn(GDBusConnection* connection, HelperServerSettings settings)
     : m_settings(std::move(settings)), m_connection(addRef(connection))
 {
-    if (!m_settings.recordPath.empty()) {
-        m_record.reset(open(m_settings.recordPath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
-        if (!m_record)
-            throw std::runtime_error("cannot open the record file " + m_settings.recordPath + ": "
-                                     + std::strerror(errno));
-    }
     // Export before owning the name: whoever sees the name finds the object.
     m_object = std::make_unique<ExportedObject>(connection, this);
     if (m_settings.ownNameDelay.count() == 0) {
@@ -174,20 +165,21 @@ void HelperServerStandIn::handleMethodCall(GDBusConnection*, const char*, const 
 
 void HelperServerStandIn::answer(const std::string& method, GVariant* parameters, GDBusMethodInvocation* invocation)
 {
-    std::string line = method;
+    Record call("call");
+    call.add("method", method);
     if (method == "IsServerReadyForBottle") {
         const char* bottle = nullptr;
         g_variant_get(parameters, "(&s)", &bottle);
-        line += std::string(" ") + bottle;
+        call.add("argument", bottle);
     } else if (method == "RaiseWindowsWithTag") {
         gint64 tag = 0;
         g_variant_get(parameters, "(x)", &tag);
-        line += " " + std::to_string(tag);
+        call.add("argument", std::to_string(tag));
         GDBusMessage* message = g_dbus_method_invocation_get_message(invocation);
         if (!(g_dbus_message_get_flags(message) & G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED))
-            line += " expecting-reply";
+            call.add("reply", "expecting-reply");
     }
-    record(line);
+    send(std::move(call));
 
     if (m_settings.goneAfter && m_readinessAnswers >= *m_settings.goneAfter) {
         // Vanish the way a crashed server does: no reply, no goodbye. The bus
@@ -215,17 +207,6 @@ void HelperServerStandIn::answer(const std::string& method, GVariant* parameters
         // but the invocation must still be finished.
         g_dbus_method_invocation_return_value(invocation, nullptr);
     }
-}
-
-void HelperServerStandIn::record(const std::string& line)
-{
-    if (!m_record)
-        return;
-    std::string text = std::to_string(g_get_monotonic_time() / 1000) + " " + line + "\n";
-    // One write per line: O_APPEND keeps lines whole even when several
-    // servers share a record file.
-    if (write(m_record.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size()))
-        g_printerr("helper server stand-in: cannot record \"%s\": %s\n", line.c_str(), std::strerror(errno));
 }
 
 } // namespace vt::standin

@@ -23,19 +23,12 @@
 //                                 UTF-8); empty lines are skipped. Default:
 //                                 PATH=/usr/local/bin:/usr/bin:/bin,
 //                                 LANG=C.UTF-8, VT_STANDIN_HELPER_ENVIRONMENT=default.
-//   VT_STANDIN_SERVER_RECORD=path Append one line per call received, written
-//                                 with a single write as the call arrives:
-//                                   <ms> GetEnvironmentForXConnection
-//                                   <ms> IsServerReady
-//                                   <ms> IsServerReadyForBottle <bottle>
-//                                   <ms> RaiseWindowsWithTag <tag>
-//                                 <ms> is CLOCK_MONOTONIC in milliseconds
-//                                 (g_get_monotonic_time() / 1000), comparable
-//                                 across processes; <bottle> is the rest of the
-//                                 line, verbatim; <tag> is decimal. A
-//                                 RaiseWindowsWithTag sent without the
-//                                 no-reply-expected flag gets " expecting-reply"
-//                                 appended, so a caller that waits shows up.
+//
+// Every call it receives is sent as a call record (standin/record/Record.hpp)
+// as it arrives, before it is answered: the method, its argument (the bottle
+// verbatim, the tag in decimal) and, for a RaiseWindowsWithTag sent without
+// the no-reply-expected flag, reply=expecting-reply, so a caller that waits
+// shows up.
 //
 // A malformed value makes HelperServerSettings::fromEnvironment() throw.
 #pragma once
@@ -49,7 +42,6 @@
 
 #include "base/MainLoop.hpp"
 #include "base/glib_glue.hpp"
-#include "base/posix_glue.hpp"
 
 namespace vt::standin {
 
@@ -58,8 +50,6 @@ struct HelperServerSettings {
     std::optional<unsigned> goneAfter;
     std::chrono::milliseconds ownNameDelay { 0 };
     std::map<std::string, std::string> environment;
-    // Empty: nothing is recorded.
-    std::string recordPath;
 
     // The settings the VT_STANDIN_* variables above describe.
     static HelperServerSettings fromEnvironment();
@@ -69,7 +59,7 @@ class HelperServerStandIn {
 public:
     // Exports the object on `connection` at once and owns the name at once or
     // after the delay (on the default main context). Throws when the object
-    // cannot be exported or the record file cannot be opened.
+    // cannot be exported.
     HelperServerStandIn(GDBusConnection* connection, HelperServerSettings settings);
     // Releases the name and withdraws the object.
     ~HelperServerStandIn();
@@ -114,11 +104,9 @@ private:
                                  const char* interfaceName, const char* methodName, GVariant* parameters,
                                  GDBusMethodInvocation* invocation, gpointer data) noexcept;
     void answer(const std::string& method, GVariant* parameters, GDBusMethodInvocation* invocation);
-    void record(const std::string& line);
 
     HelperServerSettings m_settings;
     GPtr<GDBusConnection> m_connection;
-    Fd m_record;
     unsigned m_readinessAnswers = 0;
     unsigned m_notReadyAnswers = 0;
     std::shared_ptr<NameState> m_nameState = std::make_shared<NameState>();

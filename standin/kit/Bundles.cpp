@@ -1,7 +1,5 @@
 #include "standin/kit/Bundles.hpp"
 
-#include <cerrno>
-#include <csignal>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
@@ -9,7 +7,6 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
-#include "base/glib_glue.hpp"
 #include "standin/kit/TestSupport.hpp"
 
 namespace vt::test {
@@ -36,21 +33,17 @@ namespace {
         return escaped;
     }
 
-    bool hasEnded(pid_t pid)
+    // Behind any symbolic link.
+    void setModificationTime(const std::filesystem::path& path, int64_t secondsSinceEpoch)
     {
-        if (kill(pid, 0) != 0 && errno == ESRCH)
-            return true;
-        // A zombie waits for a parent that is not us; it runs no more.
-        std::string stat = readFile("/proc/" + std::to_string(pid) + "/stat");
-        auto close = stat.rfind(')');
-        return close != std::string::npos && close + 2 < stat.size() && stat[close + 2] == 'Z';
+        const timespec times[2] = { { 0, UTIME_OMIT }, { static_cast<time_t>(secondsSinceEpoch), 0 } };
+        if (utimensat(AT_FDCWD, path.c_str(), times, 0) != 0)
+            throw std::runtime_error("cannot set the modification time of " + path.string());
     }
 
 } // namespace
 
 std::filesystem::path standinMainAppBinary() { return std::filesystem::path(VT_STANDIN_DIR) / "vt-standin-main-app"; }
-
-std::filesystem::path launcherBinary() { return VT_LAUNCHER_PATH; }
 
 void writeInfoPlist(const std::filesystem::path& bundle, const PlistDict& info)
 {
@@ -76,24 +69,6 @@ std::filesystem::path installScript(const std::filesystem::path& bundle, const s
     writeFile(target, text);
     std::filesystem::permissions(target, std::filesystem::perms(0755));
     return target;
-}
-
-std::filesystem::path makeLauncherBundle(const std::filesystem::path& bundle, PlistDict info, const std::string& name)
-{
-    info["CFBundleExecutable"] = name;
-    writeInfoPlist(bundle, info);
-    return installExecutable(bundle, name, launcherBinary());
-}
-
-void setModificationTime(const std::filesystem::path& path, int64_t secondsSinceEpoch)
-{
-    struct timespec times[2];
-    times[0].tv_sec = 0;
-    times[0].tv_nsec = UTIME_OMIT;
-    times[1].tv_sec = static_cast<time_t>(secondsSinceEpoch);
-    times[1].tv_nsec = 0;
-    if (utimensat(AT_FDCWD, path.c_str(), times, 0) != 0)
-        throw std::runtime_error("cannot set the modification time of " + path.string());
 }
 
 Desktop::Desktop(std::filesystem::path root) : m_root(std::move(root))
@@ -178,36 +153,6 @@ std::vector<std::string> readLines(const std::filesystem::path& path)
     while (std::getline(in, line))
         lines.push_back(line);
     return lines;
-}
-
-std::optional<pid_t> busNameOwnerProcess(const std::string& busAddress, const std::string& name)
-{
-    GErrorHolder error;
-    GPtr<GDBusConnection> connection = adopt(g_dbus_connection_new_for_address_sync(
-        busAddress.c_str(),
-        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT
-                                          | G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-        nullptr, nullptr, error));
-    if (!connection)
-        return std::nullopt;
-    GPtr<GVariant> reply = adopt(g_dbus_connection_call_sync(
-        connection.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
-        "GetConnectionUnixProcessID", g_variant_new("(s)", name.c_str()), G_VARIANT_TYPE("(u)"),
-        G_DBUS_CALL_FLAGS_NONE, -1, nullptr, error));
-    g_dbus_connection_close_sync(connection.get(), nullptr, nullptr);
-    if (!reply)
-        return std::nullopt;
-    guint32 pid = 0;
-    g_variant_get(reply.get(), "(u)", &pid);
-    return static_cast<pid_t>(pid);
-}
-
-bool terminateAndWait(pid_t pid, std::chrono::milliseconds timeout)
-{
-    if (pid <= 0)
-        return false;
-    kill(pid, SIGTERM);
-    return waitUntil([pid] { return hasEnded(pid); }, timeout);
 }
 
 } // namespace vt::test

@@ -1,45 +1,25 @@
 // Test fixtures for bundles and the desktop around them: launcher bundles,
-// copies of the main application with their desktop entries, a private set
-// of XDG directories, and the stand-in main application's record.
-//
-// Typical launcher end-to-end set-up:
-//
-//   TempDir dir;
-//   PrivateBus bus;
-//   Desktop desktop(dir / "desktop");
-//   desktop.addMainApp({ .bundle = dir / "Vantor.app" });        // the stand-in, registered
-//   auto launcher = makeLauncherBundle(dir / "Notepad.app", {
-//       { "CFBundleIdentifier", "com.example.notepad" },
-//       { "VTHelperAppBottleName", "Office" } });                 // Contents/MacOS/Launcher
-//   auto changes = desktop.variables();
-//   changes["DBUS_SESSION_BUS_ADDRESS"] = bus.address();
-//   changes["VT_STANDIN_RECORD"] = (dir / "main-app.record").string();
-//   TestProcess launcherProcess({ launcher.string() }, environmentWith(changes));
+// copies of the main application with their desktop entries, and a private
+// set of XDG directories (StandinWorld.hpp puts them together for a launcher).
 //
 // GIO reads the desktop entries once per process, so lookups that depend on
 // them belong in child processes started with desktop.variables().
 #pragma once
 
-#include <chrono>
+#include <cstdint>
 #include <filesystem>
 #include <map>
 #include <optional>
 #include <string>
 #include <vector>
 
-#include <sys/types.h>
-
 #include "source/PropertyList.hpp"
 #include "source/VantorNames.hpp"
 
 namespace vt::test {
 
-using namespace std::chrono_literals;
-
-
-// The stand-in main application and the launcher as built.
+// The stand-in main application as built.
 std::filesystem::path standinMainAppBinary();
-std::filesystem::path launcherBinary();
 
 // Writes bundle/Contents/Info.plist as an XML property list, making the
 // directories on the way.
@@ -53,16 +33,6 @@ std::filesystem::path installExecutable(const std::filesystem::path& bundle, con
 // Writes `text` as an executable script bundle/Contents/MacOS/<name>.
 std::filesystem::path installScript(const std::filesystem::path& bundle, const std::string& name,
                                     const std::string& text);
-
-// A launcher bundle: Info.plist with `info` plus CFBundleExecutable = `name`,
-// and a copy of the launcher binary as Contents/MacOS/<name>. Answers the
-// executable's path.
-std::filesystem::path makeLauncherBundle(const std::filesystem::path& bundle, PlistDict info,
-                                         const std::string& name = "Launcher");
-
-// Sets the modification time of `path`, behind any symbolic link (seconds
-// since the epoch).
-void setModificationTime(const std::filesystem::path& path, int64_t secondsSinceEpoch);
 
 // One installed copy of the main application.
 struct MainAppCopy {
@@ -116,16 +86,7 @@ private:
     int m_copies = 0;
 };
 
-// The lines of a record file (the stand-in main application's, say); none
-// when it does not exist.
+// The lines of a file; none when it does not exist.
 std::vector<std::string> readLines(const std::filesystem::path& path);
-
-// The process that owns `name` on the bus at `busAddress`.
-std::optional<pid_t> busNameOwnerProcess(const std::string& busAddress, const std::string& name);
-
-// Sends SIGTERM to a process that is not our child (a detached main
-// application, say) and runs the main loop until it has ended; a zombie that
-// its new parent has yet to reap counts as ended.
-bool terminateAndWait(pid_t pid, std::chrono::milliseconds timeout = 10s);
 
 } // namespace vt::test

@@ -1,19 +1,45 @@
 #include "standin/kit/TestSupport.hpp"
 
+#include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
 
-#include <csignal>
-
 #include <fcntl.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 extern char** environ;
 
 namespace vt::test {
+
+namespace {
+    // One call to the bus daemon at `busAddress` on a connection of its own,
+    // so that nothing in this process keeps a reference to the bus.
+    GPtr<GVariant> callBusDaemon(const std::string& busAddress, const char* method, const std::string& name,
+                                 const char* replyType)
+    {
+        GErrorHolder error;
+        GPtr<GDBusConnection> connection = adopt(g_dbus_connection_new_for_address_sync(
+            busAddress.c_str(),
+            static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT
+                                              | G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+            nullptr, nullptr, error));
+        if (!connection)
+            return nullptr;
+        GPtr<GVariant> reply = adopt(g_dbus_connection_call_sync(
+            connection.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", method,
+            g_variant_new("(s)", name.c_str()), G_VARIANT_TYPE(replyType), G_DBUS_CALL_FLAGS_NONE, -1, nullptr,
+            error));
+        g_dbus_connection_close_sync(connection.get(), nullptr, nullptr);
+        return reply;
+    }
+
+    gboolean dispatchDescriptor(GSource*, GSourceFunc callback, gpointer data) noexcept { return callback(data); }
+} // namespace
 
 TempDir::TempDir()
 {
@@ -43,19 +69,13 @@ void writeFile(const std::filesystem::path& path, const std::string& contents)
     out << contents;
 }
 
-StderrCapture::StderrCapture() : m_file(m_dir / "stderr")
+StderrCapture::StderrCapture() : m_file(m_dir / "stderr"), m_saved(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3))
 {
-    int fd = open(m_file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    m_saved = dup(STDERR_FILENO);
-    dup2(fd, STDERR_FILENO);
-    close(fd);
+    Fd file(open(m_file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+    dup2(file.get(), STDERR_FILENO);
 }
 
-StderrCapture::~StderrCapture()
-{
-    dup2(m_saved, STDERR_FILENO);
-    close(m_saved);
-}
+StderrCapture::~StderrCapture() { dup2(m_saved.get(), STDERR_FILENO); }
 
 std::string StderrCapture::text() const { return readFile(m_file); }
 
@@ -100,23 +120,21 @@ std::string PrivateBus::address() const { return g_test_dbus_get_bus_address(m_b
 
 bool PrivateBus::hasOwner(const std::string& name) const
 {
-    GErrorHolder error;
-    GPtr<GDBusConnection> connection = adopt(g_dbus_connection_new_for_address_sync(
-        address().c_str(),
-        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT
-                                          | G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-        nullptr, nullptr, error));
-    if (!connection)
-        return false;
-    GPtr<GVariant> reply = adopt(g_dbus_connection_call_sync(
-        connection.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
-        "NameHasOwner", g_variant_new("(s)", name.c_str()), G_VARIANT_TYPE("(b)"), G_DBUS_CALL_FLAGS_NONE,
-        -1, nullptr, error));
+    GPtr<GVariant> reply = callBusDaemon(address(), "NameHasOwner", name, "(b)");
     gboolean owned = FALSE;
     if (reply)
         g_variant_get(reply.get(), "(b)", &owned);
-    g_dbus_connection_close_sync(connection.get(), nullptr, nullptr);
     return owned;
+}
+
+std::optional<pid_t> busNameOwnerProcess(const std::string& busAddress, const std::string& name)
+{
+    GPtr<GVariant> reply = callBusDaemon(busAddress, "GetConnectionUnixProcessID", name, "(u)");
+    if (!reply)
+        return std::nullopt;
+    guint32 pid = 0;
+    g_variant_get(reply.get(), "(u)", &pid);
+    return static_cast<pid_t>(pid);
 }
 
 std::map<std::string, std::string> environmentWith(
@@ -138,12 +156,31 @@ std::map<std::string, std::string> environmentWith(
     return environment;
 }
 
-TestProcess::TestProcess(std::vector<std::string> argv, std::map<std::string, std::string> environment)
+OwnedSource watchDescriptor(int fd, const char* name, std::function<bool()> callback)
+{
+    // No prepare or check: GLib dispatches a source whose descriptor is ready.
+    static GSourceFuncs funcs { nullptr, nullptr, dispatchDescriptor, nullptr, nullptr, nullptr };
+    GPtr<GSource> source = adopt(g_source_new(&funcs, sizeof(GSource)));
+    g_source_add_unix_fd(source.get(), fd, static_cast<GIOCondition>(G_IO_IN | G_IO_HUP | G_IO_ERR));
+    return OwnedSource(std::move(source), name, std::move(callback));
+}
+
+TestProcess::TestProcess(std::vector<std::string> argv, std::map<std::string, std::string> environment,
+                         ProcessSetup setup)
 {
     m_task.setLaunchPath(argv.at(0));
     m_task.setArguments(std::vector<std::string>(argv.begin() + 1, argv.end()));
     m_task.setEnvironment(std::move(environment));
+    if (!setup.directory.empty())
+        m_task.setCurrentDirectoryPath(setup.directory.string());
+    if (setup.keepStandardError)
+        m_task.setStandardError(VTTask::Stream::Pipe);
     m_task.launch();
+    if (setup.keepStandardError) {
+        int fd = m_task.standardErrorReader().get();
+        fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
+        m_standardErrorWatch = watchDescriptor(fd, "vt test: standard error", [this] { return readStandardError(); });
+    }
 }
 
 TestProcess::~TestProcess()
@@ -166,6 +203,42 @@ std::optional<int> TestProcess::waitForExit(std::chrono::milliseconds timeout)
 
 void TestProcess::signal(int signalNumber) { kill(m_task.processIdentifier(), signalNumber); }
 
+bool TestProcess::readStandardError()
+{
+    char buffer[4096];
+    ssize_t count;
+    while ((count = read(m_task.standardErrorReader().get(), buffer, sizeof buffer)) > 0)
+        m_standardError.append(buffer, static_cast<size_t>(count));
+    // Still open while nothing more is there to read (or it was interrupted).
+    return count < 0 && (errno == EAGAIN || errno == EINTR);
+}
+
+const std::string& TestProcess::standardError()
+{
+    // What has reached the pipe but not yet the main loop counts too.
+    if (m_standardErrorWatch.isActive() && !readStandardError())
+        m_standardErrorWatch.stop();
+    return m_standardError;
+}
+
+bool terminateAndWait(pid_t pid, std::chrono::milliseconds timeout)
+{
+    // The process descriptor becomes readable when the process has ended,
+    // whoever reaps it; a process that cannot be opened is gone already.
+    if (pid <= 0)
+        return false;
+    Fd process(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
+    if (!process)
+        return errno == ESRCH;
+    kill(pid, SIGTERM);
+    bool ended = false;
+    OwnedSource watch = watchDescriptor(process.get(), "vt test: process end", [&ended] {
+        ended = true;
+        return false;
+    });
+    return waitUntil([&ended] { return ended; }, timeout);
+}
+
 bool waitUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout)
 {
     bool timedOut = false;
@@ -173,9 +246,7 @@ bool waitUntil(const std::function<bool()>& done, std::chrono::milliseconds time
         timedOut = true;
         return false;
     });
-    // Conditions may change outside the main loop (another thread, another
-    // process), so look again at short intervals even when nothing is dispatched.
-    TimeoutSource tick("vt run-until tick", std::chrono::milliseconds(5), [] { return true; });
+    TimeoutSource safetyNet("vt run-until look again", 25ms, [] { return true; });
     while (!done()) {
         if (timedOut)
             return false;

@@ -1,5 +1,6 @@
 // Shared test fixtures: temporary directories, captured standard error,
-// scoped environment changes, file reading.
+// scoped environment changes, file reading, a private bus, child processes
+// and waiting on the main loop.
 #pragma once
 
 #include <chrono>
@@ -8,12 +9,11 @@
 #include <map>
 #include <optional>
 #include <string>
-
-#include <memory>
 #include <vector>
 
 #include "base/MainLoop.hpp"
 #include "base/glib_glue.hpp"
+#include "base/posix_glue.hpp"
 #include "source/VTTask.hpp"
 
 namespace vt::test {
@@ -25,8 +25,7 @@ class TempDir {
 public:
     TempDir();
     ~TempDir();
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
+    TempDir(TempDir&&) = delete; // neither copied nor moved
     const std::filesystem::path& path() const { return m_path; }
     std::filesystem::path operator/(const std::string& name) const { return m_path / name; }
 
@@ -42,15 +41,13 @@ class StderrCapture {
 public:
     StderrCapture();
     ~StderrCapture();
-    StderrCapture(const StderrCapture&) = delete;
-    StderrCapture& operator=(const StderrCapture&) = delete;
     // Everything written so far.
     std::string text() const;
 
 private:
     TempDir m_dir;
     std::filesystem::path m_file;
-    int m_saved = -1;
+    Fd m_saved;
 };
 
 // Sets or unsets environment variables for the scope and restores them after.
@@ -58,8 +55,7 @@ class ScopedEnvironment {
 public:
     ScopedEnvironment() = default;
     ~ScopedEnvironment();
-    ScopedEnvironment(const ScopedEnvironment&) = delete;
-    ScopedEnvironment& operator=(const ScopedEnvironment&) = delete;
+    ScopedEnvironment(ScopedEnvironment&&) = delete; // neither copied nor moved
     void set(const std::string& name, const std::string& value);
     void unset(const std::string& name);
 
@@ -75,8 +71,7 @@ class PrivateBus {
 public:
     PrivateBus();
     ~PrivateBus();
-    PrivateBus(const PrivateBus&) = delete;
-    PrivateBus& operator=(const PrivateBus&) = delete;
+    PrivateBus(PrivateBus&&) = delete; // neither copied nor moved
     std::string address() const;
     // Whether `name` has an owner on this bus right now.
     bool hasOwner(const std::string& name) const;
@@ -85,19 +80,31 @@ private:
     GPtr<GTestDBus> m_bus;
 };
 
+// The process that owns `name` on the bus at `busAddress`.
+std::optional<pid_t> busNameOwnerProcess(const std::string& busAddress, const std::string& name);
+
 // The current environment with `changes` applied (an empty optional removes
 // the variable): the whole environment to hand to a child.
 std::map<std::string, std::string> environmentWith(
     const std::map<std::string, std::optional<std::string>>& changes);
 
+// Calls `callback` on the main loop whenever `fd` can be read or has hung up,
+// for as long as the callback answers true and the source lives.
+OwnedSource watchDescriptor(int fd, const char* name, std::function<bool()> callback);
+
+// Where a TestProcess starts, and whether its standard error is kept.
+struct ProcessSetup {
+    std::filesystem::path directory {};
+    bool keepStandardError = false;
+};
+
 // A real child process for a test. It is killed (SIGKILL) and reaped if it is
 // still running when the object goes away, so no test leaks a process.
 class TestProcess {
 public:
-    TestProcess(std::vector<std::string> argv, std::map<std::string, std::string> environment);
+    TestProcess(std::vector<std::string> argv, std::map<std::string, std::string> environment,
+                ProcessSetup setup = {});
     ~TestProcess();
-    TestProcess(const TestProcess&) = delete;
-    TestProcess& operator=(const TestProcess&) = delete;
 
     pid_t pid() const { return m_task.processIdentifier(); }
     bool running() const { return m_task.isRunning(); }
@@ -105,14 +112,27 @@ public:
     // empty on time-out or when it was killed by a signal.
     std::optional<int> waitForExit(std::chrono::milliseconds timeout = 20s);
     void signal(int signalNumber);
+    // What it has written to standard error so far, when it is kept. Its own
+    // children (which inherit the pipe) add to it too.
+    const std::string& standardError();
 
 private:
+    bool readStandardError();
+
     VTTask m_task;
+    std::string m_standardError;
+    OwnedSource m_standardErrorWatch;
 };
 
+// Sends SIGTERM to a process that need not be our child (a detached main
+// application, a tool the launcher started) and runs the main loop until it
+// has ended; a zombie that its parent has yet to reap counts as ended.
+bool terminateAndWait(pid_t pid, std::chrono::milliseconds timeout = 10s);
+
 // Iterates the default main context until `done` holds; false after
-// `timeout`. `done` is asked again at least every few milliseconds, since
-// some conditions change outside the main loop (another process's files).
+// `timeout`. Records, descriptor watches and child watches wake the loop;
+// conditions that nothing wakes (a bus name, another process's files) are
+// looked at again every few tens of milliseconds.
 bool waitUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout = 10s);
 
 } // namespace vt::test

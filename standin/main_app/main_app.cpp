@@ -1,46 +1,37 @@
 // The stand-in main application: a GApplication with the main application's
 // id that records what it is asked to do and stays up until SIGTERM, SIGINT
-// or SIGHUP.
+// or SIGHUP, or until its session bus goes away.
 //
 // Helper server: with VT_STANDIN_SERVE_HELPER set (non-empty) it also serves
 // the helper server on its bus connection, as the real one does.
 //
-// Record: when VT_STANDIN_RECORD names a file, one line per event is
-// appended to it (each line in one write, so several instances never mix
-// their lines):
-//   started <argv[0]> <argv[1]> ...   at process start, primary or not
-//   open <uri> <uri> ...              an open request (command line or D-Bus Open)
-//   activate                          an activation (start without arguments, D-Bus Activate)
-// URIs are written as GIO gives them back (g_file_get_uri).
+// It sends a main-app record (standin/record/Record.hpp) for each event:
+//   started   at process start, primary or not; arg: argv
+//   open      an open request (command line or D-Bus Open); arg: the URIs
+//             as GIO gives them back (g_file_get_uri)
+//   activate  an activation (start without arguments, D-Bus Activate)
 #include <csignal>
 #include <cstdlib>
-#include <string>
-
-#include <fcntl.h>
-#include <glib-unix.h>
-#include <unistd.h>
-
 #include <memory>
+#include <string>
+#include <vector>
+
+#include <glib-unix.h>
 
 #include "base/glib_glue.hpp"
 #include "source/VantorNames.hpp"
 #include "standin/helper_server/HelperServerStandIn.hpp"
+#include "standin/record/Record.hpp"
 
 namespace {
 
-
-void record(const std::string& line)
+void record(const char* event, const std::vector<std::string>& arguments = {})
 {
-    const char* path = std::getenv("VT_STANDIN_RECORD");
-    if (!path || !*path)
-        return;
-    int fd = open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
-    if (fd < 0)
-        return;
-    std::string text = line + "\n";
-    ssize_t written = write(fd, text.data(), text.size());
-    (void)written;
-    close(fd);
+    vt::standin::Record record("main-app");
+    record.add("event", event);
+    for (const auto& argument : arguments)
+        record.add("arg", argument);
+    vt::standin::send(std::move(record));
 }
 
 // The real main application hosts the helper server; with
@@ -64,17 +55,23 @@ void onStartup(GApplication* app, gpointer) noexcept
     }
 }
 
-void onActivate(GApplication*, gpointer) noexcept { record("activate"); }
+void onActivate(GApplication*, gpointer) noexcept
+{
+    try {
+        record("activate");
+    } catch (...) {
+    }
+}
 
 void onOpen(GApplication*, GFile** files, gint count, const gchar*, gpointer) noexcept
 {
-    std::string line = "open";
-    for (gint i = 0; i < count; ++i) {
-        vt::GCharPtr uri(g_file_get_uri(files[i]));
-        line += " ";
-        line += uri.get();
+    try {
+        std::vector<std::string> uris;
+        for (gint i = 0; i < count; ++i)
+            uris.emplace_back(vt::GCharPtr(g_file_get_uri(files[i])).get());
+        record("open", uris);
+    } catch (...) {
     }
-    record(line);
 }
 
 gboolean onQuitSignal(gpointer app) noexcept
@@ -98,12 +95,18 @@ vt::GPtr<GApplication> makeMainApplication()
 
 int main(int argc, char** argv)
 {
-    std::string started = "started";
-    for (int i = 0; i < argc; ++i)
-        started += std::string(" ") + argv[i];
-    record(started);
+    record("started", std::vector<std::string>(argv, argv + argc));
 
     vt::GPtr<GApplication> app = makeMainApplication();
+    // It lives on its session bus and ends with it (the shared connection
+    // raises SIGTERM when it closes). Without a bus to register on (a test
+    // that has already taken its bus down) it ends at once instead of
+    // lingering as a local instance.
+    vt::GErrorHolder error;
+    if (!g_application_register(app.get(), nullptr, error) || !g_application_get_dbus_connection(app.get())) {
+        g_printerr("vt-standin-main-app: cannot register on the session bus: %s\n", error.message());
+        return 1;
+    }
     int status = g_application_run(app.get(), argc, argv);
     helperServer.reset();
     return status;

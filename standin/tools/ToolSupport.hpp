@@ -1,56 +1,34 @@
 // What the stand-in tools (vt-standin-tool and vt-standin-sendwndcmd) share:
-// their directory, atomic files, and the ways a tool is told to end.
+// how a tool waits for its end and records it.
 //
-// Everything a tool hears from or tells a test goes through one directory,
-// named by VT_STANDIN_TOOLS_DIR in the tool's environment:
-//
-//   <role>-<pid>.end   written by the test: the tool exits with the integer
-//                      in it (empty or not a number: 0)
-//   end-all            the same for every tool of the directory, present and
-//                      future: a tool started after it exists ends at once
-//   <role>-<pid>.exit  written by the tool as it ends: "exit <status>\n", or
-//                      "signal 15\n" when SIGTERM ended it (it then dies of
-//                      that signal, so its parent sees the real reason)
-//
-// A tool also ends, silently, when the directory itself has gone: a test
-// that forgot its tools must not leave them polling for ever.
+// A tool runs until SIGTERM or SIGINT ends it (the window-command tool also
+// at the end of its input). Both signals are blocked and read from a signal
+// descriptor, so a tool waits on descriptors only and never wakes by itself.
+// Before it dies of the signal it sends a tool-end record with the signal
+// and the sender's pid (standin/record/Record.hpp), so a test can tell who
+// ended it; its parent then sees the real reason in the wait status.
 #pragma once
 
-#include <csignal>
-#include <optional>
 #include <string>
+
+#include "base/posix_glue.hpp"
 
 namespace vt::standin {
 
-// VT_STANDIN_TOOLS_DIR, or a message on standard error and exit status 3.
-std::string toolsDirectoryOrExit(const char* program);
-
-// Writes `contents` under a temporary name and renames it into place, so a
-// reader sees all of it or nothing.
-bool writeFileAtomically(const std::string& path, const std::string& contents);
-
-// Upper-case hex of the bytes: text of any encoding, unambiguous on one line.
-std::string hex(const std::string& bytes);
-
-// Watches for the end of one tool process (this one).
-class EndWatch {
+class EndSignals {
 public:
-    // Catches SIGTERM from here on.
-    EndWatch(std::string directory, std::string role);
-
-    // Exits (or dies of SIGTERM) when the tool has been told to end; returns
-    // otherwise. Cheap enough to call every few milliseconds.
-    void exitIfDue() const;
-
-    // Writes the .exit file and exits with `status`.
-    [[noreturn]] void exit(int status) const;
+    // Blocks SIGTERM and SIGINT (the mask survives exec) and opens the
+    // descriptor (close-on-exec) on which they arrive.
+    EndSignals();
+    int fd() const { return m_fd.get(); }
+    // Waits for one of the signals, records it for the tool `role` and dies of it.
+    [[noreturn]] void endWithSignal(const std::string& role) const;
 
 private:
-    std::optional<int> requestedStatus() const;
-
-    std::string m_directory;
-    std::string m_endFile;
-    std::string m_exitFile;
+    Fd m_fd;
 };
+
+// Records that the tool `role` ends for `reason` and exits with status 0.
+[[noreturn]] void endWithReason(const std::string& role, const std::string& reason);
 
 } // namespace vt::standin

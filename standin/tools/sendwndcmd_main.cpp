@@ -5,15 +5,15 @@
 //
 // Requests, one per line from the launcher:
 //   -t <tag> -c <id> -a <command text to the end of the line>\n
-// Each request line is appended, exactly as it arrived (line end included),
-// to <directory>/sendwndcmd.commands with one write as soon as it is
-// complete, so a test sees the bytes the launcher sent. A partial line left
-// at the end of input is appended too, without a line end, and not answered.
+// Each request is sent as a request record (standin/record/Record.hpp) with
+// its bytes exactly as they arrived, line end included, as soon as the line
+// is complete and before it is answered. A partial line left at the end of
+// input is recorded too, without a line end, and not answered.
 //
-// Answers: for each request the test's script <directory>/sendwndcmd.answers
-// is read anew. Its lines are "<key>=<answer>", where <key> is the first word
-// of a command text ("close=0", "queryendsession=1", "activatesystray=1");
-// the first line with the request's key counts; without one the answer is 1.
+// Answers: for each request the script that VT_STANDIN_ANSWERS names is read
+// anew. Its lines are "<key>=<answer>", where <key> is the first word of a
+// command text ("close=0", "queryendsession=1", "activatesystray=1"); the
+// first line with the request's key counts; without one the answer is 1.
 //   <n>            "<id>:<n>\n" in one write
 //   raw:<text>     <text> verbatim instead, in one write, with \n standing for
 //                  a line end, \\ for a backslash and {id} for the request's
@@ -22,9 +22,9 @@
 //   silent         no answer; the tool goes on reading (a hung tool)
 // A line that is not a request gets "?:0\n".
 //
-// It exits with status 0 at the end of its input (the launcher has closed the
-// channel or gone), and otherwise as every stand-in tool does (ToolSupport.hpp),
-// under the name wine: <directory>/wine-<pid>.end, end-all, SIGTERM.
+// It waits on its input and on SIGTERM and SIGINT (ToolSupport.hpp) alone. At
+// the end of its input (the launcher has closed the channel or gone) it
+// exits with status 0; like every tool it records its end, as wine.
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
@@ -32,10 +32,10 @@
 #include <optional>
 #include <string>
 
-#include <fcntl.h>
 #include <poll.h>
 #include <unistd.h>
 
+#include "standin/record/Record.hpp"
 #include "standin/tools/ToolSupport.hpp"
 
 namespace {
@@ -59,12 +59,12 @@ std::optional<Request> parseRequest(const std::string& line)
     return Request { line.substr(idStart, textStart - idStart), line.substr(textStart + 4) };
 }
 
-std::string scriptedAnswer(const std::string& directory, const std::string& text)
+std::string scriptedAnswer(const std::string& text)
 {
+    const char* script = std::getenv("VT_STANDIN_ANSWERS");
+    std::ifstream lines(script ? script : "");
     std::string key = text.substr(0, text.find(' '));
-    std::ifstream script(directory + "/sendwndcmd.answers");
-    std::string line;
-    while (std::getline(script, line)) {
+    for (std::string line; std::getline(lines, line);) {
         size_t equals = line.find('=');
         if (equals != std::string::npos && line.compare(0, equals, key) == 0)
             return line.substr(equals + 1);
@@ -89,80 +89,59 @@ std::string expandRaw(const std::string& text, const std::string& id)
     return bytes;
 }
 
-void appendCommand(const std::string& directory, const std::string& line)
+void record(const std::string& line) { vt::standin::send(vt::standin::Record("request").add("line", line)); }
+
+// Answers one complete request line (line end included).
+void answer(const std::string& line)
 {
-    int fd = open((directory + "/sendwndcmd.commands").c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
-    if (fd < 0)
-        return;
-    ssize_t written = write(fd, line.data(), line.size());
-    (void)written;
-    close(fd);
-}
-
-class WindowCommandTool {
-public:
-    explicit WindowCommandTool(std::string directory) : m_directory(directory), m_watch(std::move(directory), "wine")
-    {
-        // A launcher that has gone shows up as a failed write, not a signal.
-        signal(SIGPIPE, SIG_IGN);
-    }
-
-    [[noreturn]] void run()
-    {
-        std::string pending;
-        for (;;) {
-            m_watch.exitIfDue();
-            struct pollfd input { STDIN_FILENO, POLLIN, 0 };
-            if (poll(&input, 1, 10) <= 0)
-                continue;
-            char buffer[4096];
-            ssize_t count = read(STDIN_FILENO, buffer, sizeof buffer);
-            if (count < 0 && errno == EINTR)
-                continue;
-            if (count <= 0) {
-                if (!pending.empty())
-                    appendCommand(m_directory, pending);
-                m_watch.exit(0);
-            }
-            pending.append(buffer, static_cast<size_t>(count));
-            for (size_t end; (end = pending.find('\n')) != std::string::npos;) {
-                std::string line = pending.substr(0, end + 1);
-                pending.erase(0, end + 1);
-                answer(line);
-            }
-        }
-    }
-
-private:
-    void answer(const std::string& line)
-    {
-        appendCommand(m_directory, line);
-        std::string reply = "?:0\n";
-        if (auto request = parseRequest(line.substr(0, line.size() - 1))) {
-            std::string scripted = scriptedAnswer(m_directory, request->text);
-            if (scripted == "exit")
-                m_watch.exit(0);
-            if (scripted == "silent")
-                return;
-            if (scripted.rfind("raw:", 0) == 0)
-                reply = expandRaw(scripted.substr(4), request->id);
-            else
-                reply = request->id + ":" + scripted + "\n";
-        }
-        if (reply.empty())
+    record(line);
+    std::string reply = "?:0\n";
+    if (auto request = parseRequest(line.substr(0, line.size() - 1))) {
+        std::string scripted = scriptedAnswer(request->text);
+        if (scripted == "exit")
+            vt::standin::endWithReason("wine", "scripted exit");
+        if (scripted == "silent")
             return;
-        // One write per answer: the launcher takes a single read as the whole answer.
-        if (write(STDOUT_FILENO, reply.data(), reply.size()) < 0)
-            m_watch.exit(0);
+        if (scripted.rfind("raw:", 0) == 0)
+            reply = expandRaw(scripted.substr(4), request->id);
+        else
+            reply = request->id + ":" + scripted + "\n";
     }
-
-    std::string m_directory;
-    vt::standin::EndWatch m_watch;
-};
+    // One write per answer: the launcher takes a single read as the whole answer.
+    if (!reply.empty() && write(STDOUT_FILENO, reply.data(), reply.size()) < 0)
+        vt::standin::endWithReason("wine", "the launcher is gone");
+}
 
 } // namespace
 
 int main()
 {
-    WindowCommandTool(vt::standin::toolsDirectoryOrExit("sendwndcmd")).run();
+    vt::standin::EndSignals signals;
+    // A launcher that has gone shows up as a failed write, not a signal.
+    std::signal(SIGPIPE, SIG_IGN);
+    std::string pending;
+    for (;;) {
+        pollfd descriptors[] = { { STDIN_FILENO, POLLIN, 0 }, { signals.fd(), POLLIN, 0 } };
+        if (poll(descriptors, 2, -1) < 0)
+            continue;
+        if (descriptors[1].revents)
+            signals.endWithSignal("wine");
+        if (!descriptors[0].revents)
+            continue;
+        char buffer[4096];
+        ssize_t count = read(STDIN_FILENO, buffer, sizeof buffer);
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count <= 0) {
+            if (!pending.empty())
+                record(pending);
+            vt::standin::endWithReason("wine", "end of input");
+        }
+        pending.append(buffer, static_cast<size_t>(count));
+        for (size_t end; (end = pending.find('\n')) != std::string::npos;) {
+            std::string line = pending.substr(0, end + 1);
+            pending.erase(0, end + 1);
+            answer(line);
+        }
+    }
 }

@@ -1,0 +1,75 @@
+// What the stand-in product records (standin/record/Record.hpp), taken in as
+// it arrives, and the views the tests read it through.
+#pragma once
+
+#include <chrono>
+#include <filesystem>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "base/posix_glue.hpp"
+#include "standin/record/Record.hpp"
+
+namespace vt::test {
+
+using namespace std::chrono_literals;
+
+// A tool's start, as it recorded it.
+struct ToolRecord {
+    std::string role;                               // vtmenu, vtstart or wine
+    pid_t pid = 0;
+    std::vector<std::string> argv;                  // argv[0] (the path it was started by) first
+    std::map<std::string, std::string> environment; // the whole environment
+    std::string directory;                          // working directory
+    std::string standardInput;                      // null, pipe, other or closed
+    std::string standardOutput;
+
+    std::vector<std::string> arguments() const { return { argv.begin() + (argv.empty() ? 0 : 1), argv.end() }; }
+};
+
+// The socket the stand-in programs record to (VT_STANDIN_RECORDS=path()). A
+// thread of its own takes each datagram in as it comes, because the kernel
+// keeps only a few unread ones and a stand-in must never wait for a test
+// that is busy elsewhere; each arrival wakes the main loop for waitUntil().
+class RecordReader {
+public:
+    explicit RecordReader(std::filesystem::path socket);
+    ~RecordReader();
+
+    const std::filesystem::path& path() const { return m_path; }
+
+    // Every record of `kind` so far, in the order they arrived.
+    std::vector<standin::Record> all(const std::string& kind) const;
+    // The same, each as the values of its fields but pid and ms, separated
+    // by blanks: "started <argv...>", "IsServerReadyForBottle Office".
+    std::vector<std::string> texts(const std::string& kind) const;
+    // The records' times (ms) whose text is `text`.
+    std::vector<int64_t> times(const std::string& kind, const std::string& text) const;
+    bool waitFor(const std::string& kind, size_t count, std::chrono::milliseconds timeout = 20s) const;
+
+    // Tool starts, of `role` or (empty) of any.
+    std::vector<ToolRecord> tools(const std::string& role = {}) const;
+    bool waitForTools(size_t count, const std::string& role = {}, std::chrono::milliseconds timeout = 20s) const;
+    // The pid that sent the signal that ended the tool `pid` (0 when it ended
+    // by itself); empty while it runs.
+    std::optional<pid_t> endedBy(pid_t pid) const;
+    // The window-command requests' command texts (after "-a "), without line ends.
+    std::vector<std::string> commandTexts() const;
+
+private:
+    void receive() const;
+
+    std::filesystem::path m_path;
+    Fd m_socket;
+    Fd m_stop;
+    mutable std::mutex m_mutex;
+    mutable std::vector<standin::Record> m_records;
+    mutable std::vector<char> m_buffer = std::vector<char>(1 << 18);
+    std::thread m_thread;
+};
+
+} // namespace vt::test
