@@ -137,7 +137,8 @@ TEST_F(HelperServerClientTest, RaiseWindowsWithTagDoesNotWaitForTheServer)
     auto start = std::chrono::steady_clock::now();
     client->raiseWindowsWithTag(4242);
     client->raiseWindowsWithTag(9007199254740993); // 2^53 + 1: needs all 64 bits
-    EXPECT_LT(std::chrono::steady_clock::now() - start, 2s);
+    // Far below the bus's own 25-second time-out, however loaded the machine.
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 10s);
     server->signal(SIGCONT);
 
     const std::vector<std::string> expected { "RaiseWindowsWithTag 4242", "RaiseWindowsWithTag 9007199254740993" };
