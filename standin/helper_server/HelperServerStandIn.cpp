@@ -97,54 +97,34 @@ HelperServerSettings HelperServerSettings::fromEnvironment()
     return settings;
 }
 
-HelperServerStandIn::OwnedName::OwnedName(GDBusConnection* connection, std::shared_ptr<NameState> state)
-{
-    auto acquired = [](GDBusConnection*, const char*, gpointer data) noexcept {
-        (*static_cast<std::shared_ptr<NameState>*>(data))->owned = true;
-    };
-    auto lost = [](GDBusConnection*, const char* name, gpointer data) noexcept {
-        auto& state = *static_cast<std::shared_ptr<NameState>*>(data);
-        if (state->owned.exchange(false) == false)
-            g_printerr("helper server stand-in: could not own %s\n", name);
-    };
-    auto release = [](gpointer data) noexcept { delete static_cast<std::shared_ptr<NameState>*>(data); };
-    m_ownerId = g_bus_own_name_on_connection(connection, kHelperServerBusName, G_BUS_NAME_OWNER_FLAGS_NONE,
-                                             acquired, lost, new std::shared_ptr<NameState>(std::move(state)),
-                                             release);
-}
-
-HelperServerStandIn::OwnedName::~OwnedName() { g_bus_unown_name(m_ownerId); }
-
-HelperServerStandIn::ExportedObject::ExportedObject(GDBusConnection* connection, HelperServerStandIn* server)
-    : m_connection(addRef(connection))
-{
-    static const GDBusInterfaceVTable vtable = { handleMethodCall, nullptr, nullptr, { nullptr } };
-    GErrorHolder error;
-    m_registrationId = g_dbus_connection_register_object(
-        connection, kHelperServerObjectPath, const_cast<GDBusInterfaceInfo*>(interfaceInfo()), &vtable, server,
-        nullptr, error);
-    if (m_registrationId == 0)
-        throw std::runtime_error(std::string("cannot export the helper server: ") + error.message());
-}
-
-HelperServerStandIn::ExportedObject::~ExportedObject()
-{
-    g_dbus_connection_unregister_object(m_connection.get(), m_registrationId);
-}
-
 HelperServerStandIn::HelperServerStandIn(GDBusConnection* connection, HelperServerSettings settings)
     : m_settings(std::move(settings)), m_connection(addRef(connection))
 {
     // Export before owning the name: whoever sees the name finds the object.
-    m_object = std::make_unique<ExportedObject>(connection, this);
+    static const GDBusInterfaceVTable vtable = { handleMethodCall, nullptr, nullptr, { nullptr } };
+    GErrorHolder error;
+    m_object = DBusObjectRegistration(
+        connection, g_dbus_connection_register_object(connection, kHelperServerObjectPath,
+                                                      const_cast<GDBusInterfaceInfo*>(interfaceInfo()), &vtable, this,
+                                                      nullptr, error));
+    if (!m_object)
+        throw std::runtime_error(std::string("cannot export the helper server: ") + error.message());
     if (m_settings.ownNameDelay.count() == 0) {
-        m_name = std::make_unique<OwnedName>(connection, m_nameState);
+        ownName();
     } else {
         m_ownNameLater = TimeoutSource("helper server stand-in: own the name", m_settings.ownNameDelay, [this] {
-            m_name = std::make_unique<OwnedName>(m_connection.get(), m_nameState);
+            ownName();
             return false;
         });
     }
+}
+
+void HelperServerStandIn::ownName()
+{
+    // Whoever waits for the server waits for its name on the bus.
+    m_name = BusNameOwnership(g_bus_own_name_on_connection(m_connection.get(), kHelperServerBusName,
+                                                           G_BUS_NAME_OWNER_FLAGS_NONE, nullptr, nullptr, nullptr,
+                                                           nullptr));
 }
 
 HelperServerStandIn::~HelperServerStandIn() = default;
@@ -188,11 +168,10 @@ void HelperServerStandIn::answer(const std::string& method, GVariant* parameters
     }
 
     if (method == "GetEnvironmentForXConnection") {
-        GVariantBuilder entries;
-        g_variant_builder_init(&entries, G_VARIANT_TYPE("a{ss}"));
+        VariantBuilder entries(G_VARIANT_TYPE("a{ss}"));
         for (const auto& [name, value] : m_settings.environment)
-            g_variant_builder_add(&entries, "{ss}", name.c_str(), value.c_str());
-        g_dbus_method_invocation_return_value(invocation, g_variant_new("(a{ss})", &entries));
+            g_variant_builder_add(entries.get(), "{ss}", name.c_str(), value.c_str());
+        g_dbus_method_invocation_return_value(invocation, g_variant_new("(@a{ss})", entries.end()));
     } else if (method == "IsServerReady") {
         ++m_readinessAnswers;
         g_dbus_method_invocation_return_value(invocation, g_variant_new("(b)", TRUE));

@@ -33,10 +33,8 @@
 // A malformed value makes HelperServerSettings::fromEnvironment() throw.
 #pragma once
 
-#include <atomic>
 #include <chrono>
 #include <map>
-#include <memory>
 #include <optional>
 #include <string>
 
@@ -66,39 +64,8 @@ public:
     HelperServerStandIn(const HelperServerStandIn&) = delete;
     HelperServerStandIn& operator=(const HelperServerStandIn&) = delete;
 
-    bool ownsName() const { return m_nameState->owned; }
-
 private:
-    // Shared with the name-owning callbacks, which may outlive this object
-    // until GIO drops them.
-    struct NameState {
-        std::atomic<bool> owned { false };
-    };
-
-    // The bus name while we ask for it; given back when this goes away.
-    class OwnedName {
-    public:
-        OwnedName(GDBusConnection* connection, std::shared_ptr<NameState> state);
-        ~OwnedName();
-        OwnedName(const OwnedName&) = delete;
-        OwnedName& operator=(const OwnedName&) = delete;
-
-    private:
-        guint m_ownerId;
-    };
-
-    // The exported object; withdrawn when this goes away.
-    class ExportedObject {
-    public:
-        ExportedObject(GDBusConnection* connection, HelperServerStandIn* server);
-        ~ExportedObject();
-        ExportedObject(const ExportedObject&) = delete;
-        ExportedObject& operator=(const ExportedObject&) = delete;
-
-    private:
-        GPtr<GDBusConnection> m_connection;
-        guint m_registrationId;
-    };
+    void ownName();
 
     static void handleMethodCall(GDBusConnection*, const char* sender, const char* objectPath,
                                  const char* interfaceName, const char* methodName, GVariant* parameters,
@@ -109,10 +76,10 @@ private:
     GPtr<GDBusConnection> m_connection;
     unsigned m_readinessAnswers = 0;
     unsigned m_notReadyAnswers = 0;
-    std::shared_ptr<NameState> m_nameState = std::make_shared<NameState>();
-    std::unique_ptr<ExportedObject> m_object;
+    // The name goes back before the object is withdrawn.
+    DBusObjectRegistration m_object;
     TimeoutSource m_ownNameLater;
-    std::unique_ptr<OwnedName> m_name;
+    BusNameOwnership m_name;
 };
 
 } // namespace vt::standin
