@@ -59,27 +59,12 @@ namespace {
     {
         const char* commandLine = g_app_info_get_commandline(info);
         int argc = 0;
-        char** argv = nullptr;
-        if (!commandLine || !g_shell_parse_argv(commandLine, &argc, &argv, nullptr))
+        char** parsed = nullptr;
+        bool parsedOK = commandLine && g_shell_parse_argv(commandLine, &argc, &parsed, nullptr);
+        GStrvPtr argv(parsed);
+        if (!parsedOK || argc < 1 || argv.get()[0][0] != '/')
             return std::nullopt;
-        GStrvPtr ownedArgv(argv);
-        if (argc < 1 || argv[0][0] != '/')
-            return std::nullopt;
-        return VTBundle::bundlePathForExecutable(argv[0]);
-    }
-
-    // What GIO lists as handlers of the scheme, in its order.
-    std::vector<std::filesystem::path> bundlesRegisteringScheme(const std::string& scheme)
-    {
-        std::vector<std::filesystem::path> bundles;
-        std::string contentType = "x-scheme-handler/" + scheme;
-        GList* infos = g_app_info_get_all_for_type(contentType.c_str());
-        for (GList* item = infos; item; item = item->next) {
-            if (auto bundle = bundleOfAppInfo(static_cast<GAppInfo*>(item->data)))
-                bundles.push_back(std::move(*bundle));
-        }
-        g_list_free_full(infos, g_object_unref);
-        return bundles;
+        return VTBundle::bundlePathForExecutable(argv.get()[0]);
     }
 
     // The desktop's own answer for an identifier: the desktop entry named
@@ -93,15 +78,15 @@ namespace {
         return bundleOfAppInfo(G_APP_INFO(info.get()));
     }
 
-    bool equalIgnoringCase(const std::string& a, const std::string& b)
+    bool equalIgnoringCase(std::string_view a, std::string_view b)
     {
         // Case folding needs valid UTF-8; a binary Info.plist can hold
         // anything in an ASCII string.
         if (!g_utf8_validate(a.data(), static_cast<gssize>(a.size()), nullptr)
             || !g_utf8_validate(b.data(), static_cast<gssize>(b.size()), nullptr))
             return a.size() == b.size() && g_ascii_strncasecmp(a.data(), b.data(), a.size()) == 0;
-        GCharPtr foldedA(g_utf8_casefold(a.c_str(), static_cast<gssize>(a.size())));
-        GCharPtr foldedB(g_utf8_casefold(b.c_str(), static_cast<gssize>(b.size())));
+        GCharPtr foldedA(g_utf8_casefold(a.data(), static_cast<gssize>(a.size())));
+        GCharPtr foldedB(g_utf8_casefold(b.data(), static_cast<gssize>(b.size())));
         return std::strcmp(foldedA.get(), foldedB.get()) == 0;
     }
 
@@ -128,45 +113,26 @@ namespace {
         return date.tv_sec > than->tv_sec || (date.tv_sec == than->tv_sec && date.tv_nsec > than->tv_nsec);
     }
 
-    std::optional<std::filesystem::path> newestCopyRegisteringScheme(const std::string& bundleIdentifier,
-                                                                      const std::string& scheme)
+    // What GIO lists as handlers of the scheme, in its order, as their
+    // bundles are on disk now.
+    std::vector<detail::InstalledCopy> copiesRegisteringScheme(const std::string& scheme)
     {
-        int bestMajor = -1;
-        int bestMinor = -1;
-        std::optional<struct timespec> bestDate; // empty: the distant past
-        std::optional<std::filesystem::path> best;
-
-        for (const auto& candidate : bundlesRegisteringScheme(scheme)) {
-            auto bundle = VTBundle::bundleWithPath(candidate);
+        std::vector<detail::InstalledCopy> copies;
+        std::string contentType = "x-scheme-handler/" + scheme;
+        GObjectList infos(g_app_info_get_all_for_type(contentType.c_str()));
+        for (GList* item = infos.get(); item; item = item->next) {
+            auto path = bundleOfAppInfo(static_cast<GAppInfo*>(item->data));
+            auto bundle = path ? VTBundle::bundleWithPath(*path) : nullptr;
             if (!bundle)
                 continue;
-            auto identifier = bundle->bundleIdentifier();
-            if (!identifier || !equalIgnoringCase(*identifier, bundleIdentifier))
-                continue;
             auto executable = bundle->executablePath();
-            if (!executable || !isExecutableFile(*executable))
-                continue;
-            auto versionText = bundle->stringForInfoDictionaryKey("CFBundleVersion");
-            auto version = versionText ? detail::scanBundleVersion(*versionText) : std::nullopt;
-            if (!version || version->majorNumber < 1 || version->minorNumber < 0)
-                continue;
-            auto date = modificationDate(candidate);
-
-            // The patch number never counts: copies that differ only there
-            // are told apart by date, and on a full tie the first listed
-            // stays. A copy without a date cannot win a tie.
-            bool better = version->majorNumber > bestMajor
-                || (version->majorNumber == bestMajor && version->minorNumber > bestMinor)
-                || (version->majorNumber == bestMajor && version->minorNumber == bestMinor && date
-                    && isLater(*date, bestDate));
-            if (!better)
-                continue;
-            bestMajor = version->majorNumber;
-            bestMinor = version->minorNumber;
-            bestDate = date;
-            best = candidate;
+            copies.push_back({ .bundle = *path,
+                               .identifier = bundle->bundleIdentifier(),
+                               .version = bundle->stringForInfoDictionaryKey("CFBundleVersion"),
+                               .runnable = executable && isExecutableFile(*executable),
+                               .modified = modificationDate(*path) });
         }
-        return best;
+        return copies;
     }
 
     // Runs in the started program just before exec: it begins with every
@@ -198,16 +164,15 @@ namespace {
 
         // Without a startup or activation token the desktop does not hand it
         // the focus: it comes up in the background.
-        char** environment = g_get_environ();
-        environment = g_environ_unsetenv(environment, "DESKTOP_STARTUP_ID");
-        environment = g_environ_unsetenv(environment, "XDG_ACTIVATION_TOKEN");
-        GStrvPtr ownedEnvironment(environment);
+        GStrvPtr environment(g_get_environ());
+        for (const char* token : { "DESKTOP_STARTUP_ID", "XDG_ACTIVATION_TOKEN" })
+            environment.reset(g_environ_unsetenv(environment.release(), token));
 
         // The started copy outlives us; it must not keep our working
         // directory busy.
         GErrorHolder error;
-        return g_spawn_async("/", argv.data(), ownedEnvironment.get(), G_SPAWN_STDIN_FROM_DEV_NULL, resetSignals,
-                             nullptr, nullptr, error);
+        return g_spawn_async("/", argv.data(), environment.get(), G_SPAWN_STDIN_FROM_DEV_NULL, resetSignals, nullptr,
+                             nullptr, error);
     }
 
     bool deliverToRunningCopy(const std::vector<std::string>& urls, const std::string& bundleIdentifier,
@@ -220,25 +185,25 @@ namespace {
         if (!g_dbus_is_name(bundleIdentifier.c_str()) || !g_variant_is_object_path(path.c_str()))
             return false;
 
+        // Takes `parameters` (floating); true when the copy answered.
+        auto callApplication = [&](const char* method, GVariant* parameters) {
+            return call(bus.get(), bundleIdentifier.c_str(), path.c_str(), "org.freedesktop.Application", method,
+                        parameters, nullptr)
+                != nullptr;
+        };
+        auto noPlatformData = [] { return g_variant_new_array(G_VARIANT_TYPE("{sv}"), nullptr, 0); };
+
         bool delivered = true;
         if (!urls.empty()) {
-            GVariantBuilder uris;
-            g_variant_builder_init(&uris, G_VARIANT_TYPE_STRING_ARRAY);
+            VariantBuilder uris(G_VARIANT_TYPE_STRING_ARRAY);
             for (const auto& url : urls)
-                g_variant_builder_add(&uris, "s", url.c_str());
+                g_variant_builder_add(uris.get(), "s", url.c_str());
             // The desktop's interface carries no hint (GApplication's own
             // org.gtk.Application.Open does).
-            GVariant* parameters
-                = g_variant_new("(as@a{sv})", &uris, g_variant_new_array(G_VARIANT_TYPE("{sv}"), nullptr, 0));
-            delivered = call(bus.get(), bundleIdentifier.c_str(), path.c_str(), "org.freedesktop.Application", "Open",
-                             parameters, nullptr)
-                != nullptr;
+            delivered = callApplication("Open", g_variant_new("(@as@a{sv})", uris.end(), noPlatformData()));
         }
         if (!(options & kLaunchDontSwitch)) {
-            GVariant* parameters = g_variant_new("(@a{sv})", g_variant_new_array(G_VARIANT_TYPE("{sv}"), nullptr, 0));
-            bool activated = call(bus.get(), bundleIdentifier.c_str(), path.c_str(), "org.freedesktop.Application",
-                                  "Activate", parameters, nullptr)
-                != nullptr;
+            bool activated = callApplication("Activate", g_variant_new("(@a{sv})", noPlatformData()));
             if (urls.empty())
                 delivered = activated;
         }
@@ -328,6 +293,37 @@ namespace detail {
         return std::nullopt;
     }
 
+    std::optional<std::filesystem::path> chooseNewestCopy(const std::vector<InstalledCopy>& copies,
+                                                          std::string_view bundleIdentifier)
+    {
+        const InstalledCopy* best = nullptr;
+        int bestMajor = -1;
+        int bestMinor = -1;
+        for (const auto& copy : copies) {
+            if (!copy.identifier || !equalIgnoringCase(*copy.identifier, bundleIdentifier) || !copy.runnable)
+                continue;
+            auto version = copy.version ? scanBundleVersion(*copy.version) : std::nullopt;
+            if (!version || version->majorNumber < 1 || version->minorNumber < 0)
+                continue;
+
+            // The patch number never counts: copies that differ only there
+            // are told apart by date, and on a full tie the first listed
+            // stays. A copy without a date cannot win a tie.
+            bool better = version->majorNumber > bestMajor
+                || (version->majorNumber == bestMajor && version->minorNumber > bestMinor)
+                || (version->majorNumber == bestMajor && version->minorNumber == bestMinor && copy.modified
+                    && isLater(*copy.modified, best ? best->modified : std::nullopt));
+            if (!better)
+                continue;
+            bestMajor = version->majorNumber;
+            bestMinor = version->minorNumber;
+            best = &copy;
+        }
+        if (!best)
+            return std::nullopt;
+        return best->bundle;
+    }
+
     std::string applicationObjectPath(std::string_view applicationId)
     {
         // GApplication's rule: dots become slashes, dashes underscores.
@@ -366,7 +362,7 @@ std::optional<std::filesystem::path> VT_absolutePathForAppBundleWithIdentifier(
     if (auto running = VT_findRunningAppBundleWithIdentifier(*bundleIdentifier))
         return running;
     if (scheme) {
-        if (auto best = newestCopyRegisteringScheme(*bundleIdentifier, *scheme))
+        if (auto best = detail::chooseNewestCopy(copiesRegisteringScheme(*scheme), *bundleIdentifier))
             return best;
     }
     return bundleOfDesktopEntry(*bundleIdentifier);

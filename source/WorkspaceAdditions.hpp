@@ -18,6 +18,7 @@
 #pragma once
 
 #include <cstdint>
+#include <ctime>
 #include <filesystem>
 #include <optional>
 #include <stdexcept>
@@ -77,6 +78,25 @@ namespace detail {
         bool operator==(const BundleVersion&) const = default;
     };
     std::optional<BundleVersion> scanBundleVersion(std::string_view version);
+
+    // One copy that the desktop lists as a handler of the scheme, as read
+    // from its bundle.
+    struct InstalledCopy {
+        std::filesystem::path bundle;
+        std::optional<std::string> identifier; // CFBundleIdentifier
+        std::optional<std::string> version;    // CFBundleVersion, as written
+        bool runnable = false;                 // the bundle executable is a regular file we may run
+        std::optional<timespec> modified;      // the bundle directory's, behind links; empty when unknown
+    };
+
+    // The newest of `copies` (in the desktop's order) whose identifier is
+    // `bundleIdentifier` ignoring case, whose executable runs and whose
+    // version is a full release with a major number of at least 1 and a
+    // minor number not below 0: the higher major, then minor number wins,
+    // then the later date; on a full tie the first listed stays. Empty when
+    // none qualifies.
+    std::optional<std::filesystem::path> chooseNewestCopy(const std::vector<InstalledCopy>& copies,
+                                                          std::string_view bundleIdentifier);
 
     // The object path at which a GApplication with this id is exported.
     std::string applicationObjectPath(std::string_view applicationId);

@@ -8,42 +8,96 @@
 #include <gtest/gtest.h>
 
 #include "source/UserDefaults.hpp"
+#include "source/VantorNames.hpp"
 #include "standin/kit/Bundles.hpp"
 #include "standin/kit/Records.hpp"
 #include "standin/kit/TestSupport.hpp"
 
-using vt::PlistArray;
-using vt::PlistData;
-using vt::PlistDict;
-using vt::PlistValue;
-using vt::test::Desktop;
-using vt::test::environmentWith;
-using vt::test::MainAppCopy;
-using vt::kVantorBundleIdentifier;
-using vt::kVantorURLScheme;
-using vt::test::readLines;
-using vt::test::TempDir;
-using vt::test::TestProcess;
-using vt::test::waitUntil;
+using namespace vt;
+using namespace vt::test;
+using vt::detail::InstalledCopy;
 using Lines = std::vector<std::string>;
 
 namespace {
+
+// The probe's answer when the request was delivered or the copy started and
+// no process of its own was left behind.
+const Lines answeredYes { "YES", "children none" };
+
+// A copy as the desktop lists it, qualifying in every respect but those a
+// case changes; its date in seconds and nanoseconds.
+InstalledCopy listed(const std::string& bundle, std::optional<std::string> version,
+                     std::optional<time_t> seconds = {}, long nanoseconds = 0)
+{
+    return { .bundle = bundle, .identifier = kVantorBundleIdentifier, .version = std::move(version), .runnable = true,
+             .modified = seconds ? std::optional(timespec { *seconds, nanoseconds }) : std::nullopt };
+}
+
+std::string chosen(const std::vector<InstalledCopy>& copies)
+{
+    auto path = detail::chooseNewestCopy(copies, kVantorBundleIdentifier);
+    return path ? path->string() : "none";
+}
+
+TEST(NewestCopy, TheHigherFullReleaseWinsWhateverTheDates)
+{
+    EXPECT_EQ(chosen({ listed("Old", "3.9.1", 3000), listed("Two", "4.2.0", 2000), listed("Ten", "4.10.0", 1000) }),
+              "Ten");
+    EXPECT_EQ(chosen({ listed("Lowest", "1.0.") }), "Lowest");
+    EXPECT_EQ(chosen({}), "none");
+    for (const char* refused : { "9.1", "9", "", "0.9.1", "-5.1.0", "4.-1.0", "v9.1.0", "9..1" })
+        EXPECT_EQ(chosen({ listed("Refused", refused) }), "none") << refused;
+    EXPECT_EQ(chosen({ listed("Unversioned", std::nullopt) }), "none");
+}
+
+TEST(NewestCopy, OnAnEqualReleaseTheLaterDateWinsAndOtherwiseTheFirstListed)
+{
+    // The patch number never counts.
+    EXPECT_EQ(chosen({ listed("Patch7", "4.1.7", 1000), listed("Patch0", "4.1.0", 2000) }), "Patch0");
+    EXPECT_EQ(chosen({ listed("First", "4.1.0", 1000), listed("Second", "4.1.9", 1000) }), "First");
+    EXPECT_EQ(chosen({ listed("Earlier", "4.1.0", 1000, 1), listed("Later", "4.1.0", 1000, 2) }), "Later");
+    EXPECT_EQ(chosen({ listed("Later", "4.1.0", 1000, 2), listed("Earlier", "4.1.0", 1000, 1) }), "Later");
+
+    // A copy without a date cannot win a tie; any date beats none.
+    EXPECT_EQ(chosen({ listed("Dated", "4.1.0", 1000), listed("Undated", "4.1.0") }), "Dated");
+    EXPECT_EQ(chosen({ listed("Undated", "4.1.0"), listed("Dated", "4.1.0", -1) }), "Dated");
+    EXPECT_EQ(chosen({ listed("Undated", "4.1.0"), listed("AlsoUndated", "4.1.0") }), "Undated");
+
+    // Only the dates of the best release so far count.
+    EXPECT_EQ(chosen({ listed("Old", "4.0.0", 3000), listed("New", "4.1.0", 1000), listed("Newer", "4.1.0", 2000) }),
+              "Newer");
+    EXPECT_EQ(chosen({ listed("Old", "4.0.0", 3000), listed("New", "4.1.0"), listed("Dated", "4.1.0", 1) }), "Dated");
+}
+
+TEST(NewestCopy, OnlyARunnableCopyWithTheIdentifierIgnoringCaseCounts)
+{
+    auto with = [](std::optional<std::string> identifier, std::string version, bool runnable = true) {
+        InstalledCopy copy = listed(identifier.value_or("(none)"), std::move(version));
+        copy.identifier = std::move(identifier);
+        copy.runnable = runnable;
+        return copy;
+    };
+    EXPECT_EQ(chosen({ with("com.tallowmere.VantorHelper", "9.0.0"), with(std::nullopt, "9.0.0"), with("", "9.0.0"),
+                       with(kVantorBundleIdentifier, "9.0.0", false), with("COM.TALLOWMERE.vantor", "4.0.0") }),
+              "COM.TALLOWMERE.vantor");
+
+    auto matches = [&](const std::string& identifier, std::string_view wanted) {
+        return detail::chooseNewestCopy({ with(identifier, "4.1.0") }, wanted).has_value();
+    };
+    // Unicode case folding: the Kelvin sign is a k, ß is ss.
+    EXPECT_TRUE(matches("org.example.\u212Aiosk", "ORG.EXAMPLE.KIOSK"));
+    EXPECT_TRUE(matches("de.example.STRASSE", "de.example.stra\u00DFe"));
+    // Not valid UTF-8: ASCII letters only, every other byte as it is.
+    EXPECT_TRUE(matches("ORG.EXAMPLE.\xff", "org.example.\xff"));
+    EXPECT_FALSE(matches("org.example.\u212Aiosk\xff", "org.example.kiosk\xff"));
+    EXPECT_FALSE(matches("org.example.\xfe", "org.example.\xff"));
+    EXPECT_FALSE(matches("org.example", "org.example\xff"));
+}
 
 // A private desktop, optionally a private bus, and the probe that looks at
 // them from a fresh process.
 class MainApp : public ::testing::Test {
 protected:
-    // A copy that is never started: any small executable does.
-    MainAppCopy copy(const std::string& name, std::optional<std::string> version, std::optional<int64_t> modified = {})
-    {
-        MainAppCopy copy;
-        copy.bundle = dir / name;
-        copy.version = std::move(version);
-        copy.modified = modified;
-        copy.binary = "/bin/true";
-        return copy;
-    }
-
     std::string bundle(const std::string& name) const { return (dir / name).string(); }
 
     // The probe's result lines.
@@ -62,9 +116,9 @@ protected:
         return readLines(result);
     }
 
-    std::string lookup(std::optional<std::string> scheme = vt::kVantorURLScheme, const std::string& id = vt::kVantorBundleIdentifier)
+    std::string lookup(std::optional<std::string> scheme = kVantorURLScheme)
     {
-        std::vector<std::string> arguments { "lookup", id };
+        std::vector<std::string> arguments { "lookup", kVantorBundleIdentifier };
         if (scheme)
             arguments.push_back(*scheme);
         Lines lines = probe(arguments);
@@ -87,127 +141,60 @@ protected:
     TempDir dir;
     Desktop desktop { dir / "desktop" };
     vt::test::RecordReader records { dir / "records" };
-    std::optional<vt::test::PrivateBus> bus;
+    std::optional<PrivateBus> bus;
 
 private:
     int m_probes = 0;
 };
 
-TEST_F(MainApp, AHigherVersionWinsWhateverTheDates)
-{
-    desktop.addMainApp(copy("Old.app", "3.9.1", 3000));
-    desktop.addMainApp(copy("Minor2.app", "4.2.0", 2000));
-    // A name that the desktop entry has to quote.
-    desktop.addMainApp(copy("Minor 10 \"$x\".app", "4.10.0", 1000));
-    EXPECT_EQ(lookup(), bundle("Minor 10 \"$x\".app"));
-}
-
-TEST_F(MainApp, ThePatchNumberNeverCountsTheLaterDateDecides)
-{
-    desktop.addMainApp(copy("Patch7.app", "4.1.7", 1000));
-    desktop.addMainApp(copy("Patch0.app", "4.1.0", 2000));
-    EXPECT_EQ(lookup(), bundle("Patch0.app"));
-}
-
-TEST_F(MainApp, OnAFullTieTheFirstListedStays)
-{
-    desktop.addMainApp(copy("First.app", "4.1.0", 1000));
-    desktop.addMainApp(copy("Second.app", "4.1.9", 1000));
-    EXPECT_EQ(lookup(), bundle("First.app"));
-}
-
-TEST_F(MainApp, TheDateIsTheBundleDirectorysBehindSymbolicLinks)
+TEST_F(MainApp, TheInstalledCopiesAreReadFromTheDesktopEntriesGioListsInItsOrder)
 {
     // Listed first through a link made just now to a bundle dated long ago:
-    // the bundle's date counts, so the copy listed second is newer.
-    auto target = copy("real/Target.app", "4.1.0", 500);
-    target.registersScheme = false;
-    desktop.addMainApp(target);
+    // the date is the bundle directory's.
+    desktop.addMainApp({ .bundle = dir / "real/Target.app", .registersScheme = false, .modified = 500 });
     std::filesystem::create_directory_symlink(dir / "real/Target.app", dir / "Linked.app");
     desktop.addDesktopEntry("linked.desktop", dir / "Linked.app/Contents/MacOS/Vantor", true);
-    desktop.addMainApp(copy("Real.app", "4.1.0", 1000));
-    EXPECT_EQ(lookup(), bundle("Real.app"));
-}
+    // A name that the desktop entry has to quote, and an identifier in other
+    // letters.
+    desktop.addMainApp(
+        { .bundle = dir / "Quoted 1 \"$x\".app", .identifier = "COM.TALLOWMERE.vantor", .modified = 1000 });
+    desktop.addMainApp({ .bundle = dir / "Second.app", .version = "4.1.9", .modified = 1000 });
+    // Still listed, since its desktop entry starts another, runnable file.
+    desktop.addMainApp(
+        { .bundle = dir / "Broken.app", .version = "9.0.0", .executable = false, .execName = "starter" });
+    desktop.addMainApp({ .bundle = dir / "Named.app", .version = "1",
+                         .desktopId = std::string(kVantorBundleIdentifier) + ".desktop", .registersScheme = false });
 
-TEST_F(MainApp, VersionsThatAreNoFullReleaseNeverWinAndTheIdentifierDecides)
-{
-    for (const auto& [name, version] : std::vector<std::pair<std::string, std::optional<std::string>>> {
-             { "OneDot.app", "9.1" }, { "Major0.app", "0.9.1" }, { "Empty.app", "" }, { "None.app", std::nullopt },
-             { "Negative.app", "-5.1.0" }, { "Letters.app", "v9.1.0" }, { "MinorMissing.app", "9..1" } })
-        desktop.addMainApp(copy(name, version));
-    EXPECT_EQ(lookup(), "none");
-
-    auto fallback = copy("Fallback.app", "2");
-    fallback.desktopId = std::string(vt::kVantorBundleIdentifier) + ".desktop";
-    fallback.registersScheme = false;
-    desktop.addMainApp(fallback);
-    EXPECT_EQ(lookup(), bundle("Fallback.app"));
-}
-
-TEST_F(MainApp, WithoutASchemeOnlyTheIdentifiersDesktopEntryCounts)
-{
-    desktop.addMainApp(copy("Registered.app", "9.0.0"));
-    auto named = copy("Named.app", "1.0.0");
-    named.desktopId = std::string(vt::kVantorBundleIdentifier) + ".desktop";
-    named.registersScheme = false;
-    desktop.addMainApp(named);
-    EXPECT_EQ(lookup(vt::kVantorURLScheme), bundle("Registered.app"));
+    EXPECT_EQ(lookup(), bundle("Quoted 1 \"$x\".app"));
+    // Without a scheme, or when no copy registers it, the identifier's own
+    // desktop entry answers.
     EXPECT_EQ(lookup(std::nullopt), bundle("Named.app"));
-}
-
-TEST_F(MainApp, TheIdentifierMatchesWithoutRegardToCase)
-{
-    desktop.addMainApp(copy("Plain.app", "4.0.0"));
-    auto shouting = copy("Shouting.app", "5.0.0");
-    shouting.identifier = "COM.TALLOWMERE.vantor";
-    desktop.addMainApp(shouting);
-    auto other = copy("Other.app", "9.0.0");
-    other.identifier = "com.tallowmere.VantorHelper";
-    desktop.addMainApp(other);
-    EXPECT_EQ(lookup(), bundle("Shouting.app"));
-}
-
-TEST_F(MainApp, ACopyWhoseExecutableCannotRunIsNeverChosen)
-{
-    // GIO still lists it: its desktop entry starts another, runnable file.
-    auto broken = copy("Broken.app", "9.0.0");
-    broken.executable = false;
-    broken.execName = "starter";
-    desktop.addMainApp(broken);
-    auto missing = copy("Missing.app", "9.0.0");
-    missing.execName = "starter";
-    desktop.addMainApp(missing);
-    std::filesystem::remove(dir / "Missing.app/Contents/MacOS/Vantor");
-    desktop.addMainApp(copy("Working.app", "4.0.0"));
-    EXPECT_EQ(lookup(), bundle("Working.app"));
+    EXPECT_EQ(lookup("x-unregistered"), bundle("Named.app"));
 }
 
 TEST_F(MainApp, ARunningCopyWinsOverEveryInstalledOne)
 {
     bus.emplace();
-    desktop.addMainApp(copy("Installed.app", "9.0.0"));
-    MainAppCopy running;
-    running.bundle = dir / "Running.app";
-    running.version = "1.0.0";
-    running.registersScheme = false;
-    running.desktopId = "running.desktop";
+    desktop.addMainApp({ .bundle = dir / "Installed.app", .version = "9.0.0" });
+    MainAppCopy running { .bundle = dir / "Running.app", .version = "1.0.0", .desktopId = "running.desktop",
+                          .registersScheme = false };
     desktop.addMainApp(running);
 
     auto process = startMainApp(running.bundle);
-    EXPECT_EQ(probe({ "running", vt::kVantorBundleIdentifier }), Lines { bundle("Running.app") });
+    EXPECT_EQ(probe({ "running", kVantorBundleIdentifier }), Lines { bundle("Running.app") });
     EXPECT_EQ(lookup(), bundle("Running.app"));
     EXPECT_EQ(lookup(std::nullopt), bundle("Running.app"));
 
     // Updated on disk while it runs: its executable is now a deleted file,
     // and its bundle is still where it was.
     std::filesystem::path executable = running.bundle / "Contents/MacOS/Vantor";
-    std::filesystem::remove(executable);
-    std::filesystem::copy_file(vt::test::standinMainAppBinary(), executable);
-    EXPECT_EQ(probe({ "running", vt::kVantorBundleIdentifier }), Lines { bundle("Running.app") });
+    std::filesystem::copy_file(executable, executable.string() + ".new");
+    std::filesystem::rename(executable.string() + ".new", executable);
+    EXPECT_EQ(probe({ "running", kVantorBundleIdentifier }), Lines { bundle("Running.app") });
 
     process->signal(SIGTERM);
     EXPECT_TRUE(waitUntil([&] { return !process->running(); }));
-    EXPECT_EQ(probe({ "running", vt::kVantorBundleIdentifier }), Lines { "none" });
+    EXPECT_EQ(probe({ "running", kVantorBundleIdentifier }), Lines { "none" });
     EXPECT_EQ(lookup(), bundle("Installed.app"));
 }
 
@@ -219,45 +206,26 @@ TEST_F(MainApp, ARunningCopyIsToldToOpenAndActivatedOnlyWhenAllowedToSwitch)
     std::string first = "file://" + bundle("Notepad.app");
     std::string second = "file://" + bundle("Paint.app");
 
-    EXPECT_EQ(probe({ "open", vt::kVantorBundleIdentifier, vt::kVantorURLScheme, "0x300", first }), (Lines { "YES", "children none" }));
+    EXPECT_EQ(probe({ "open", kVantorBundleIdentifier, kVantorURLScheme, "0x300", first }), answeredYes);
     expected.push_back("open " + first);
     EXPECT_EQ(records.texts("main-app"), expected);
 
-    EXPECT_EQ(probe({ "open", vt::kVantorBundleIdentifier, vt::kVantorURLScheme, "0", second }), (Lines { "YES", "children none" }));
-    expected.push_back("open " + second);
-    expected.push_back("activate");
+    EXPECT_EQ(probe({ "open", kVantorBundleIdentifier, kVantorURLScheme, "0", second }), answeredYes);
+    expected.insert(expected.end(), { "open " + second, "activate" });
     EXPECT_EQ(records.texts("main-app"), expected);
 
     // Launching what already runs leaves it alone.
-    EXPECT_EQ(probe({ "launch", vt::kVantorBundleIdentifier, vt::kVantorURLScheme, "0" }), (Lines { "YES", "children none" }));
+    EXPECT_EQ(probe({ "launch", kVantorBundleIdentifier, kVantorURLScheme, "0" }), answeredYes);
     EXPECT_EQ(records.texts("main-app"), expected);
     EXPECT_TRUE(process->running());
 }
 
-TEST_F(MainApp, TheChosenCopyIsStartedWithTheUrlsWhenNoneRuns)
-{
-    bus.emplace();
-    desktop.addMainApp(copy("Old.app", "3.0.0"));
-    std::filesystem::path chosen = desktop.addMainApp({ .bundle = dir / "Vantor.app", .version = "4.1.0" });
-    std::string url = "file://" + bundle("Notepad.app");
-
-    EXPECT_EQ(probe({ "open", vt::kVantorBundleIdentifier, vt::kVantorURLScheme, "0x300", url },
-                    { { "VT_STANDIN_RECORDS", records.path().string() } }),
-              (Lines { "YES", "children none" }));
-    ASSERT_TRUE(waitUntil([this] { return records.texts("main-app").size() >= 2; }));
-    EXPECT_EQ(records.texts("main-app"), (Lines { "started " + (chosen / "Contents/MacOS/Vantor").string() + " " + url,
-                                          "open " + url }));
-
-    auto pid = vt::test::busNameOwnerProcess(bus->address(), vt::kVantorBundleIdentifier);
-    ASSERT_TRUE(pid);
-    EXPECT_TRUE(vt::test::terminateAndWait(*pid));
-}
-
-TEST_F(MainApp, AStartedCopyInheritsNoTokenDescriptorSignalStateOrDirectory)
+TEST_F(MainApp, TheChosenCopyIsStartedWithTheUrlsInheritingNoTokenDescriptorSignalStateOrDirectory)
 {
     std::filesystem::path out = dir / "started.record";
     std::string script = "#!/bin/sh\n"
                          "{\n"
+                         "  echo \"exec $0\"\n"
                          "  echo \"args $*\"\n"
                          "  echo \"stdin $(readlink /proc/$$/fd/0)\"\n"
                          "  if [ -e /proc/$$/fd/9 ]; then echo 'fd9 open'; else echo 'fd9 closed'; fi\n"
@@ -268,24 +236,25 @@ TEST_F(MainApp, AStartedCopyInheritsNoTokenDescriptorSignalStateOrDirectory)
                          "  echo \"cwd $(pwd)\"\n"
                          "} > '"
         + out.string() + ".tmp' && mv '" + out.string() + ".tmp' '" + out.string() + "'\n";
-    vt::test::writeFile(dir / "record.sh", script);
-    auto scripted = copy("Scripted.app", "4.1.0");
-    scripted.binary = dir / "record.sh";
-    desktop.addMainApp(scripted);
+    writeFile(dir / "record.sh", script);
+    desktop.addMainApp({ .bundle = dir / "Old.app", .version = "3.0.0" });
+    desktop.addMainApp({ .bundle = dir / "Scripted.app", .binary = dir / "record.sh" });
 
-    EXPECT_EQ(probe({ "open", vt::kVantorBundleIdentifier, vt::kVantorURLScheme, "768", "a:1", "b:2" },
+    EXPECT_EQ(probe({ "open", kVantorBundleIdentifier, kVantorURLScheme, "768", "a:1", "b:2" },
                     { { "DESKTOP_STARTUP_ID", "startup" }, { "XDG_ACTIVATION_TOKEN", "token" } }),
-              (Lines { "YES", "children none" }));
+              answeredYes);
     ASSERT_TRUE(waitUntil([&] { return std::filesystem::exists(out); }));
-    EXPECT_EQ(readLines(out), (Lines { "args a:1 b:2", "stdin /dev/null", "fd9 closed", "tokens unset unset",
-                                       "ignored 0", "blocked 0", "cwd /" }));
+    EXPECT_EQ(readLines(out), (Lines { "exec " + bundle("Scripted.app/Contents/MacOS/Vantor"), "args a:1 b:2",
+                                       "stdin /dev/null", "fd9 closed", "tokens unset unset", "ignored 0",
+                                       "blocked 0", "cwd /" }));
 }
 
 TEST_F(MainApp, NothingToStartAnswersNoAndLogsNothing)
 {
-    vt::test::StderrCapture capture;
-    EXPECT_EQ(probe({ "open", vt::kVantorBundleIdentifier, vt::kVantorURLScheme, "768", "a:1" }), (Lines { "NO", "children none" }));
-    EXPECT_EQ(probe({ "launch", vt::kVantorBundleIdentifier, "-", "768" }), (Lines { "NO", "children none" }));
+    StderrCapture capture;
+    EXPECT_EQ(probe({ "open", kVantorBundleIdentifier, kVantorURLScheme, "768", "a:1" }),
+              (Lines { "NO", "children none" }));
+    EXPECT_EQ(probe({ "launch", kVantorBundleIdentifier, "-", "768" }), (Lines { "NO", "children none" }));
     EXPECT_EQ(lookup(), "none");
     EXPECT_EQ(capture.text(), "");
 }
@@ -299,16 +268,16 @@ TEST(MainAppAssertion, AMissingIdentifierIsAProgrammingError)
     };
     for (const Case& c : std::vector<Case> {
              { "VT_absolutePathForAppBundleWithIdentifier", 35,
-               [] { vt::VT_absolutePathForAppBundleWithIdentifier(std::nullopt, vt::kVantorURLScheme); } },
+               [] { VT_absolutePathForAppBundleWithIdentifier(std::nullopt, kVantorURLScheme); } },
              { "VT_launchAppWithBundleIdentifier", 127,
-               [] { vt::VT_launchAppWithBundleIdentifier(std::nullopt, vt::kVantorURLScheme, 0x300); } },
-             { "VT_openURLs", 158, [] { vt::VT_openURLs({ "a:1" }, std::nullopt, std::nullopt, 0x300); } },
+               [] { VT_launchAppWithBundleIdentifier(std::nullopt, kVantorURLScheme, 0x300); } },
+             { "VT_openURLs", 158, [] { VT_openURLs({ "a:1" }, std::nullopt, std::nullopt, 0x300); } },
          }) {
-        vt::test::StderrCapture capture;
+        StderrCapture capture;
         try {
             c.call();
             ADD_FAILURE() << c.function << " returned";
-        } catch (const vt::AssertionFailure& failure) {
+        } catch (const AssertionFailure& failure) {
             EXPECT_STREQ(failure.what(), "Invalid parameter not satisfying: bundleIdentifier != nil");
         }
         std::string text = capture.text();
@@ -321,8 +290,8 @@ TEST(MainAppAssertion, AMissingIdentifierIsAProgrammingError)
 
 TEST(MainAppNames, BundleVersionsScanAsFullReleaseNumbers)
 {
-    using vt::detail::BundleVersion;
-    using vt::detail::scanBundleVersion;
+    using detail::BundleVersion;
+    using detail::scanBundleVersion;
     EXPECT_EQ(scanBundleVersion("4.1.3"), (BundleVersion { 4, 1 }));
     EXPECT_EQ(scanBundleVersion("4.1."), (BundleVersion { 4, 1 }));
     EXPECT_EQ(scanBundleVersion("10.20.x beta"), (BundleVersion { 10, 20 }));
@@ -334,15 +303,15 @@ TEST(MainAppNames, BundleVersionsScanAsFullReleaseNumbers)
     for (const char* refused : { "4.1", "4", "", "4..1.", "4. .1.", "v4.1.", "4 1.", "4.1 3", "+.1.", "4.+ 1." })
         EXPECT_EQ(scanBundleVersion(refused), std::nullopt) << refused;
 
-    EXPECT_EQ(vt::detail::applicationObjectPath("com.tallowmere.Vantor"), "/com/tallowmere/Vantor");
-    EXPECT_EQ(vt::detail::applicationObjectPath("org.example.my-app"), "/org/example/my_app");
+    EXPECT_EQ(detail::applicationObjectPath("com.tallowmere.Vantor"), "/com/tallowmere/Vantor");
+    EXPECT_EQ(detail::applicationObjectPath("org.example.my-app"), "/org/example/my_app");
 }
 
 TEST(VantorDefaults, DisableWineIntegrationTakesThePlatformsBooleanReading)
 {
     TempDir dir;
     Desktop desktop(dir / "desktop");
-    vt::test::ScopedEnvironment environment;
+    ScopedEnvironment environment;
     environment.set("XDG_CONFIG_HOME", desktop.configHome().string());
 
     const std::vector<std::pair<PlistValue, bool>> readings {
@@ -354,36 +323,36 @@ TEST(VantorDefaults, DisableWineIntegrationTakesThePlatformsBooleanReading)
     // The file is written anew for each row, so this also proves nothing is cached.
     for (const auto& [value, expected] : readings) {
         desktop.writeVantorDefaults({ { "DisableWineIntegration", value } });
-        EXPECT_EQ(vt::vantorDisableWineIntegration(), expected) << vt::toXmlPropertyList(value);
+        EXPECT_EQ(vantorDisableWineIntegration(), expected) << toXmlPropertyList(value);
     }
 
     desktop.writeVantorDefaults({ { "SomethingElse", true } });
-    EXPECT_FALSE(vt::vantorDisableWineIntegration());
-    vt::test::writeFile(desktop.configHome() / "com.tallowmere.Vantor.plist", "<plist><dict><key>Disable");
-    EXPECT_FALSE(vt::vantorDisableWineIntegration());
-    vt::test::writeFile(desktop.configHome() / "com.tallowmere.Vantor.plist",
-                        vt::toXmlPropertyList(PlistArray { "DisableWineIntegration", true }));
-    EXPECT_FALSE(vt::vantorDisableWineIntegration());
+    EXPECT_FALSE(vantorDisableWineIntegration());
+    writeFile(desktop.configHome() / "com.tallowmere.Vantor.plist", "<plist><dict><key>Disable");
+    EXPECT_FALSE(vantorDisableWineIntegration());
+    writeFile(desktop.configHome() / "com.tallowmere.Vantor.plist",
+                        toXmlPropertyList(PlistArray { "DisableWineIntegration", true }));
+    EXPECT_FALSE(vantorDisableWineIntegration());
     std::filesystem::remove(desktop.configHome() / "com.tallowmere.Vantor.plist");
-    EXPECT_FALSE(vt::vantorDisableWineIntegration());
-    EXPECT_EQ(vt::vantorUserDefault("DisableWineIntegration"), std::nullopt);
+    EXPECT_FALSE(vantorDisableWineIntegration());
+    EXPECT_EQ(vantorUserDefault("DisableWineIntegration"), std::nullopt);
 }
 
 TEST(VantorDefaults, LiveInTheHomeConfigDirectoryWithoutAnAbsoluteXdgConfigHome)
 {
     TempDir dir;
-    vt::test::ScopedEnvironment environment;
+    ScopedEnvironment environment;
     environment.set("HOME", dir.path().string());
     std::filesystem::create_directories(dir / ".config");
-    vt::test::writeFile(dir / ".config/com.tallowmere.Vantor.plist",
-                        vt::toBinaryPropertyList(PlistDict { { "DisableWineIntegration", "Yes" } }));
+    writeFile(dir / ".config/com.tallowmere.Vantor.plist",
+                        toBinaryPropertyList(PlistDict { { "DisableWineIntegration", "Yes" } }));
 
     environment.unset("XDG_CONFIG_HOME");
-    EXPECT_TRUE(vt::vantorDisableWineIntegration());
+    EXPECT_TRUE(vantorDisableWineIntegration());
     environment.set("XDG_CONFIG_HOME", "relative/config");
-    EXPECT_TRUE(vt::vantorDisableWineIntegration());
+    EXPECT_TRUE(vantorDisableWineIntegration());
     environment.set("XDG_CONFIG_HOME", (dir / "elsewhere").string());
-    EXPECT_FALSE(vt::vantorDisableWineIntegration());
+    EXPECT_FALSE(vantorDisableWineIntegration());
 }
 
 } // namespace
