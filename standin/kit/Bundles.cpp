@@ -142,7 +142,7 @@ void Desktop::writeMimeCache() const
 
 void Desktop::writeVantorDefaults(const PlistDict& defaults) const
 {
-    writeFile(configHome() / "com.tallowmere.Vantor.plist", toXmlPropertyList(defaults));
+    writeFile(configHome() / (std::string(kVantorBundleIdentifier) + ".plist"), toXmlPropertyList(defaults));
 }
 
 std::vector<std::string> readLines(const std::filesystem::path& path)
