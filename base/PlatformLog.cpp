@@ -44,13 +44,13 @@ std::string render(std::string_view format, const std::vector<LogArg>& args)
         }
         // The flags, width and precision as written, then a length modifier
         // that fits the value as it is held here.
-        std::string spec(format.substr(c.begin, c.end - 1 - c.begin));
-        while (!spec.empty() && std::string_view("hlzjtL").find(spec.back()) != std::string_view::npos)
-            spec.pop_back();
+        std::string directive(format.substr(c.begin, c.end - 1 - c.begin));
+        while (!directive.empty() && std::string_view("hlzjtL").find(directive.back()) != std::string_view::npos)
+            directive.pop_back();
         int length = 0;
         switch (c.type) {
         case 's':
-            length = std::snprintf(piece, sizeof piece, (spec + 's').c_str(), arg.text.c_str());
+            length = std::snprintf(piece, sizeof piece, (directive + 's').c_str(), arg.text.c_str());
             if (length >= static_cast<int>(sizeof piece)) {
                 // A long text with a width: nothing to pad, take it whole.
                 out += arg.text;
@@ -58,7 +58,7 @@ std::string render(std::string_view format, const std::vector<LogArg>& args)
             }
             break;
         case 'p':
-            length = std::snprintf(piece, sizeof piece, (spec + 'p').c_str(), arg.pointer);
+            length = std::snprintf(piece, sizeof piece, (directive + 'p').c_str(), arg.pointer);
             break;
         case 'd': case 'i': case 'u': case 'x': case 'X': case 'o': case 'c': {
             // Narrowed to the integer the length modifier names, as printf would.
@@ -67,19 +67,19 @@ std::string render(std::string_view format, const std::vector<LogArg>& args)
             if (c.integerSize < sizeof bits)
                 bits &= (1ULL << (8 * c.integerSize)) - 1;
             if (c.type == 'c') {
-                length = std::snprintf(piece, sizeof piece, (spec + 'c').c_str(), static_cast<int>(bits & 0xFF));
+                length = std::snprintf(piece, sizeof piece, (directive + 'c').c_str(), static_cast<int>(bits & 0xFF));
             } else if (c.type == 'd' || c.type == 'i') {
                 long long value = static_cast<long long>(bits);
                 if (c.integerSize < sizeof bits && (bits >> (8 * c.integerSize - 1)) & 1)
                     value = static_cast<long long>(bits) - static_cast<long long>(1ULL << (8 * c.integerSize));
-                length = std::snprintf(piece, sizeof piece, (spec + "ll" + c.type).c_str(), value);
+                length = std::snprintf(piece, sizeof piece, (directive + "ll" + c.type).c_str(), value);
             } else {
-                length = std::snprintf(piece, sizeof piece, (spec + "ll" + c.type).c_str(), bits);
+                length = std::snprintf(piece, sizeof piece, (directive + "ll" + c.type).c_str(), bits);
             }
             break;
         }
         default:
-            length = std::snprintf(piece, sizeof piece, (spec + c.type).c_str(), arg.floating);
+            length = std::snprintf(piece, sizeof piece, (directive + c.type).c_str(), arg.floating);
             break;
         }
         if (length > 0)
