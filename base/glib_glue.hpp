@@ -7,6 +7,7 @@
 
 #include <memory>
 #include <string>
+#include <type_traits>
 #include <utility>
 
 #include <gio/gdesktopappinfo.h>
@@ -173,118 +174,71 @@ private:
     bool m_ended = false;
 };
 
-// GLib's numeric ids, one type per kind, each released by its own function
-// in the destructor, so that an id of one kind can never be given back
-// through another kind's function.
-template <void (*Release)(guint)> class GBusId {
+// A GLib id that is given back by its own function when this goes away. Each
+// kind of id is its own type, so an id of one kind can never be released
+// through another kind's function. `Owner` is what the id belongs to (a
+// connection, an object instance), kept for the release; bus ids have none.
+struct NoOwner {};
+
+template <typename Owner, typename Id, void (*Release)(const Owner&, Id) noexcept> class OwnedId {
 public:
-    GBusId() noexcept = default;
-    explicit GBusId(guint id) noexcept : m_id(id) {}
-    GBusId(GBusId&& other) noexcept : m_id(std::exchange(other.m_id, 0)) {}
-    GBusId& operator=(GBusId&& other) noexcept
+    OwnedId() noexcept = default;
+    OwnedId(Owner owner, Id id) noexcept : m_owner(id ? std::move(owner) : Owner {}), m_id(id) {}
+    explicit OwnedId(Id id) noexcept
+        requires std::is_same_v<Owner, NoOwner>
+        : m_id(id)
+    {
+    }
+    OwnedId(OwnedId&& other) noexcept : m_owner(std::move(other.m_owner)), m_id(std::exchange(other.m_id, Id {})) {}
+    OwnedId& operator=(OwnedId&& other) noexcept
     {
         if (this != &other) {
             reset();
-            m_id = std::exchange(other.m_id, 0);
+            m_owner = std::move(other.m_owner);
+            m_id = std::exchange(other.m_id, Id {});
         }
         return *this;
     }
-    ~GBusId() { reset(); }
-
-    guint get() const noexcept { return m_id; }
-    explicit operator bool() const noexcept { return m_id != 0; }
-    void reset() noexcept
-    {
-        if (m_id)
-            Release(std::exchange(m_id, 0));
-    }
-
-private:
-    guint m_id = 0;
-};
-
-// g_bus_own_name and g_bus_watch_name.
-using BusNameOwnership = GBusId<g_bus_unown_name>;
-using BusNameWatch = GBusId<g_bus_unwatch_name>;
-
-// Ids that belong to one connection: an exported object, a signal subscription.
-template <typename Id, void (*Release)(GDBusConnection*, Id)> class GConnectionId {
-public:
-    GConnectionId() noexcept = default;
-    GConnectionId(GDBusConnection* connection, Id id) noexcept
-        : m_connection(id ? addRef(connection) : nullptr), m_id(id)
-    {
-    }
-    GConnectionId(GConnectionId&& other) noexcept
-        : m_connection(std::move(other.m_connection)), m_id(std::exchange(other.m_id, 0))
-    {
-    }
-    GConnectionId& operator=(GConnectionId&& other) noexcept
-    {
-        if (this != &other) {
-            reset();
-            m_connection = std::move(other.m_connection);
-            m_id = std::exchange(other.m_id, 0);
-        }
-        return *this;
-    }
-    ~GConnectionId() { reset(); }
+    ~OwnedId() { reset(); }
 
     Id get() const noexcept { return m_id; }
-    explicit operator bool() const noexcept { return m_id != 0; }
+    explicit operator bool() const noexcept { return m_id != Id {}; }
     void reset() noexcept
     {
-        if (m_id)
-            Release(m_connection.get(), std::exchange(m_id, 0));
-        m_connection.reset();
+        if (m_id != Id {})
+            Release(m_owner, std::exchange(m_id, Id {}));
+        m_owner = Owner {};
     }
 
 private:
-    GPtr<GDBusConnection> m_connection;
-    Id m_id = 0;
+    Owner m_owner {};
+    Id m_id {};
 };
 
 namespace detail {
-    inline void unregisterObject(GDBusConnection* connection, guint id) noexcept
+    inline void unownName(const NoOwner&, guint id) noexcept { g_bus_unown_name(id); }
+    inline void unwatchName(const NoOwner&, guint id) noexcept { g_bus_unwatch_name(id); }
+    inline void unregisterObject(const GPtr<GDBusConnection>& connection, guint id) noexcept
     {
-        g_dbus_connection_unregister_object(connection, id);
+        g_dbus_connection_unregister_object(connection.get(), id);
+    }
+    inline void unsubscribe(const GPtr<GDBusConnection>& connection, guint id) noexcept
+    {
+        g_dbus_connection_signal_unsubscribe(connection.get(), id);
+    }
+    inline void disconnectHandler(const gpointer& instance, gulong id) noexcept
+    {
+        g_signal_handler_disconnect(instance, id);
     }
 } // namespace detail
 
-using DBusObjectRegistration = GConnectionId<guint, detail::unregisterObject>;
-using DBusSignalSubscription = GConnectionId<guint, g_dbus_connection_signal_unsubscribe>;
-
-// A handler connected to a GObject signal; disconnected when this goes away.
-// The instance must outlive this object.
-class SignalConnection {
-public:
-    SignalConnection() noexcept = default;
-    SignalConnection(gpointer instance, gulong id) noexcept : m_instance(id ? instance : nullptr), m_id(id) {}
-    SignalConnection(SignalConnection&& other) noexcept
-        : m_instance(std::exchange(other.m_instance, nullptr)), m_id(std::exchange(other.m_id, 0))
-    {
-    }
-    SignalConnection& operator=(SignalConnection&& other) noexcept
-    {
-        if (this != &other) {
-            reset();
-            m_instance = std::exchange(other.m_instance, nullptr);
-            m_id = std::exchange(other.m_id, 0);
-        }
-        return *this;
-    }
-    ~SignalConnection() { reset(); }
-
-    void reset() noexcept
-    {
-        if (m_id)
-            g_signal_handler_disconnect(m_instance, std::exchange(m_id, 0));
-        m_instance = nullptr;
-    }
-
-private:
-    gpointer m_instance = nullptr;
-    gulong m_id = 0;
-};
+// g_bus_own_name and g_bus_watch_name.
+using BusNameOwnership = OwnedId<NoOwner, guint, detail::unownName>;
+using BusNameWatch = OwnedId<NoOwner, guint, detail::unwatchName>;
+// An object exported on a connection, and a signal subscription on one.
+using DBusObjectRegistration = OwnedId<GPtr<GDBusConnection>, guint, detail::unregisterObject>;
+using DBusSignalSubscription = OwnedId<GPtr<GDBusConnection>, guint, detail::unsubscribe>;
+// A handler connected to a GObject signal; the instance must outlive this.
+using SignalConnection = OwnedId<gpointer, gulong, detail::disconnectHandler>;
 
 } // namespace vt

@@ -104,7 +104,7 @@ HelperServerStandIn::HelperServerStandIn(GDBusConnection* connection, HelperServ
     static const GDBusInterfaceVTable vtable = { handleMethodCall, nullptr, nullptr, { nullptr } };
     GErrorHolder error;
     m_object = DBusObjectRegistration(
-        connection, g_dbus_connection_register_object(connection, kHelperServerObjectPath,
+        addRef(connection), g_dbus_connection_register_object(connection, kHelperServerObjectPath,
                                                       const_cast<GDBusInterfaceInfo*>(interfaceInfo()), &vtable, this,
                                                       nullptr, error));
     if (!m_object)
