@@ -222,7 +222,7 @@ void writeLogLine(std::string_view message);
 // The product's NSLog: always writes.
 template <typename... Args> void platformLog(LogFormat<std::type_identity_t<Args>...> format, const Args&... args)
 {
-    writeLogLine(detail::render(format.text(), { detail::logArg(args)... }));
+    writeLogLine(formatMessage<Args...>(format, args...));
 }
 
 // The prefix of every log line, exposed for tests: "2026-11-23 10:04:05.123 name[pid] ".

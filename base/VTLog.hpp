@@ -13,7 +13,7 @@ template <typename... Args> void VTLog(LogFormat<std::type_identity_t<Args>...> 
 {
     if (!debugLoggingEnabled())
         return;
-    writeLogLine(detail::render(format.text(), { detail::logArg(args)... }));
+    writeLogLine(formatMessage<Args...>(format, args...));
 }
 
 } // namespace vt
