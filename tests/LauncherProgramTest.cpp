@@ -249,29 +249,3 @@ TEST_F(LauncherProgram, AToolThatCannotRunIsReportedAndTheLauncherStays)
     EXPECT_EQ(w.records.tools("vtmenu").size(), 1u) << "the other file still opened";
     EXPECT_TRUE(launcher.running());
 }
-
-TEST_F(LauncherProgram, AnswersMustNameTheirCommandExactly)
-{
-    w.setAnswer("haswindows", "raw:{id}:1:x\\n");
-    launch();
-    ASSERT_TRUE(w.waitForLog("Message mismatch.  Expected helperDelegateCommand0 and got helperDelegateCommand0:1:x\n.\n"))
-        << w.launcherLog();
-
-    w.setAnswer("haswindows", "raw:helperDelegateCommand0:1\\n");
-    w.startLauncher().waitForExit();
-    ASSERT_TRUE(w.waitForLog("Message mismatch.  Expected helperDelegateCommand1 and got helperDelegateCommand0:1\n.\n"));
-    EXPECT_EQ(w.launcherLog().find("unhide without activation"), std::string::npos);
-
-    // Any number but 0 is a yes.
-    w.setAnswer("haswindows", "raw:{id}: 2\\n");
-    w.startLauncher().waitForExit();
-    EXPECT_TRUE(w.waitForLog("unhide without activation"));
-}
-
-TEST_F(LauncherProgram, AMissingMenuPathEndsTheArgumentListThere)
-{
-    w.launcherInfo.erase("VantorHelperMenuPath");
-    launch();
-    EXPECT_EQ(w.records.tools("vtmenu").at(0).arguments(),
-              (Strings { "--bottle", "Office", "--wait-children", "--enable-alt-loader", "macdrv", "--start" }));
-}

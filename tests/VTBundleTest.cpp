@@ -68,17 +68,6 @@ TEST(VTBundle, NamesNoExecutableOutsideItsOwnMacOSFolder)
     }
 }
 
-TEST(VTBundle, ReadsABinaryInfoPlist)
-{
-    TempDir dir;
-    std::filesystem::create_directories(dir / "B.app/Contents");
-    writeFile(dir / "B.app/Contents/Info.plist",
-              vt::toBinaryPropertyList(PlistDict { { "CFBundleIdentifier", "com.example.binary" } }));
-    auto bundle = VTBundle::bundleWithPath(dir / "B.app");
-    ASSERT_TRUE(bundle);
-    EXPECT_EQ(bundle->bundleIdentifier(), "com.example.binary");
-}
-
 TEST(VTBundle, IsNoBundleWithoutAnInformationDictionary)
 {
     TempDir dir;

@@ -117,42 +117,6 @@ TEST_F(VTTaskTest, EnvironmentIsExactlyTheOneGiven)
     EXPECT_EQ(child.directory, dir.path().string());
 }
 
-TEST_F(VTTaskTest, StandardStreamsOnTheNullDevice)
-{
-    observeEnds();
-    auto task = recordingTask();
-    task->setStandardInput(VTTask::Stream::NullDevice);
-    task->setStandardOutput(VTTask::Stream::NullDevice);
-    task->launch();
-    ASSERT_TRUE(waitUntil([&] { return !ended.empty(); }));
-    auto child = readRecord(record);
-    EXPECT_EQ(child.standardInput, "null");
-    EXPECT_EQ(child.standardOutput, "null");
-    EXPECT_FALSE(task->standardInputWriter());
-}
-
-TEST_F(VTTaskTest, PipesCarryBytesBothWays)
-{
-    observeEnds();
-    auto task = recordingTask({ "echo" });
-    task->setStandardInput(VTTask::Stream::Pipe);
-    task->setStandardOutput(VTTask::Stream::Pipe);
-    task->launch();
-    ASSERT_TRUE(task->standardInputWriter());
-    ASSERT_TRUE(task->standardOutputReader());
-    // Our ends must not leak into other children.
-    EXPECT_TRUE(fcntl(task->standardInputWriter().get(), F_GETFD) & FD_CLOEXEC);
-    EXPECT_TRUE(fcntl(task->standardOutputReader().get(), F_GETFD) & FD_CLOEXEC);
-
-    ASSERT_EQ(write(task->standardInputWriter().get(), "close\n", 6), 6);
-    task->standardInputWriter().reset();
-    char answer[16] = {};
-    ASSERT_EQ(read(task->standardOutputReader().get(), answer, sizeof answer), 6);
-    EXPECT_STREQ(answer, "close\n");
-    ASSERT_TRUE(waitUntil([&] { return !ended.empty(); }));
-    EXPECT_EQ(readRecord(record).standardInput, "pipe");
-}
-
 TEST_F(VTTaskTest, OneTerminationNoticeNamingTheWrapper)
 {
     observeEnds();

@@ -137,23 +137,6 @@ TEST(WineController, SeesEventsBeforeAndAfterTheLaunchersDispatch)
     EXPECT_EQ(rec.calls, (std::vector<std::string> { "handle 5" })) << "a consumed event goes no further";
 }
 
-TEST(WineController, EventCarriesItsItemsToC)
-{
-    TestApp app;
-    static std::vector<std::string> seen;
-    seen.clear();
-    vt_wine_controller controller {};
-    controller.size = sizeof controller;
-    controller.handle_event = [](void*, const vt_event* e) {
-        for (size_t i = 0; i < e->item_count; ++i)
-            seen.emplace_back(e->items[i]);
-        return true;
-    };
-    vt_set_wine_controller(&controller);
-    app.sendEvent(Event { Event::Type::OpenFiles, { "/a b/é.txt", "/c" }, {} });
-    EXPECT_EQ(seen, (std::vector<std::string> { "/a b/é.txt", "/c" }));
-}
-
 TEST(WineController, AnswersTheQuitQuestionItselfIncludingLater)
 {
     TestApp app(true);
@@ -206,8 +189,3 @@ TEST(WineController, ADriverBuiltAgainstAShorterHeaderKeepsWorking)
               std::string::npos);
 }
 
-TEST(WineController, WithoutControllerAQuitWithNothingRunningTerminatesNow)
-{
-    TestApp app(true);
-    EXPECT_THROW(app.sendEvent(Event { Event::Type::QuitRequest, {}, {} }), Terminated);
-}

@@ -15,9 +15,6 @@
 // command text ("close=0", "queryendsession=1", "activatesystray=1"); the
 // first line with the request's key counts; without one the answer is 1.
 //   <n>            "<id>:<n>\n" in one write
-//   raw:<text>     <text> verbatim instead, in one write, with \n standing for
-//                  a line end, \\ for a backslash and {id} for the request's
-//                  id ("raw:{id}:1:x", "raw:helperDelegateCommand7:1")
 //   exit           no answer: the tool exits with status 0 (the tool is gone)
 //   silent         no answer; the tool goes on reading (a hung tool)
 // A line that is not a request gets "?:0\n".
@@ -72,23 +69,6 @@ std::string scriptedAnswer(const std::string& text)
     return "1";
 }
 
-std::string expandRaw(const std::string& text, const std::string& id)
-{
-    std::string bytes;
-    for (size_t i = 0; i < text.size(); ++i) {
-        if (text.compare(i, 4, "{id}") == 0) {
-            bytes += id;
-            i += 3;
-        } else if (text[i] == '\\' && i + 1 < text.size() && (text[i + 1] == 'n' || text[i + 1] == '\\')) {
-            bytes += text[i + 1] == 'n' ? '\n' : '\\';
-            ++i;
-        } else {
-            bytes += text[i];
-        }
-    }
-    return bytes;
-}
-
 void record(const std::string& line) { vt::standin::send(vt::standin::Record("request").add("line", line)); }
 
 // Answers one complete request line (line end included).
@@ -102,13 +82,10 @@ void answer(const std::string& line)
             vt::standin::endWithReason("wine", "scripted exit");
         if (scripted == "silent")
             return;
-        if (scripted.rfind("raw:", 0) == 0)
-            reply = expandRaw(scripted.substr(4), request->id);
-        else
-            reply = request->id + ":" + scripted + "\n";
+        reply = request->id + ":" + scripted + "\n";
     }
     // One write per answer: the launcher takes a single read as the whole answer.
-    if (!reply.empty() && write(STDOUT_FILENO, reply.data(), reply.size()) < 0)
+    if (write(STDOUT_FILENO, reply.data(), reply.size()) < 0)
         vt::standin::endWithReason("wine", "the launcher is gone");
 }
 
