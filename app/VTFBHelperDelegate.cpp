@@ -1,7 +1,5 @@
 #include "app/VTFBHelperDelegate.hpp"
 
-#include <unistd.h>
-
 #include "app/VTFBHelperApp.hpp"
 #include "base/PlatformLog.hpp"
 #include "base/VTLog.hpp"
@@ -77,10 +75,23 @@ void VTFBHelperDelegate::applicationWillFinishLaunching()
 
 void VTFBHelperDelegate::readBundleSettings()
 {
-    m_settings.bundleName = infoString("CFBundleName");
-    m_settings.bottleName = infoString("VTHelperAppBottleName");
-    m_settings.menuPath = infoString("VantorHelperMenuPath");
     const VTBundle* bundle = m_application.mainBundle();
+    std::string plist = bundle ? (bundle->bundlePath() / "Contents/Info.plist").string() : "the launcher bundle";
+    // What the Windows side is told comes from here: say plainly what the
+    // bundle lacks rather than pass on an empty or garbled name.
+    auto checkedString = [&](const char* key, const char* consequence) -> std::optional<std::string> {
+        std::optional<std::string> value = infoString(key);
+        if (!value) {
+            platformLog("%@ has no %s string: %s.", plist, key, consequence);
+        } else if (!g_utf8_validate(value->data(), static_cast<gssize>(value->size()), nullptr)) {
+            platformLog("%@ has a %s that is not valid UTF-8: %s.", plist, key, consequence);
+            value.reset();
+        }
+        return value;
+    };
+    m_settings.bundleName = checkedString("CFBundleName", "the Windows program gets an empty VT_LAUNCHER_BUNDLE_NAME");
+    m_settings.bottleName = checkedString("VTHelperAppBottleName", "the tools are not told which bottle to use");
+    m_settings.menuPath = infoString("VantorHelperMenuPath");
     const PlistValue* types = bundle ? bundle->objectForInfoDictionaryKey("CFBundleDocumentTypes") : nullptr;
     if (!types || !types->asArray())
         return;
@@ -162,12 +173,29 @@ WindowsProgram::Environment VTFBHelperDelegate::launcherVariables()
     WindowsProgram::Environment variables;
     if (startLaunchNotify())
         variables["VT_SYSTRAY_SOCKET"] = m_launchNotifySocketName;
-    if (!vantorDisableWineIntegration() && m_wineLoader) {
-        std::string socketPath = m_wineLoader->socketPath();
-        if (!socketPath.empty())
-            variables["VT_APPRUNNER_ALT_LOADER_SOCKET"] = socketPath;
-    }
+    std::string socketPath = wineLoaderSocketPath();
+    if (!socketPath.empty())
+        variables["VT_APPRUNNER_ALT_LOADER_SOCKET"] = socketPath;
     return variables;
+}
+
+std::string VTFBHelperDelegate::wineLoaderSocketPath()
+{
+    if (vantorDisableWineIntegration())
+        return {};
+    if (!m_wineLoader) {
+        auto directory = m_privateDirectory.path();
+        m_wineLoader = directory ? WineLoader::create(m_settings.vantorRoot.value_or(""), *directory) : nullptr;
+        if (!m_wineLoader) {
+            VTLog("no loader socket: Wine runs in processes of its own");
+            return {};
+        }
+        // Runs on the loader's connection thread.
+        m_wrongArchitectureObservation = NotificationCenter::defaultCenter().addObserver(
+            WineLoaderRejectedRequestForWrongArchitectureNotification, m_wineLoader.get(),
+            [this](const Notification& notification) { wineLoaderRejectedRequestForWrongArchitecture(notification); });
+    }
+    return m_wineLoader->socketPath();
 }
 
 bool VTFBHelperDelegate::startLaunchNotify()
@@ -277,8 +305,8 @@ void VTFBHelperDelegate::applicationWillTerminate()
     m_program.stopObservingEnds();
     m_windowCommands.stopObservingEnd();
     m_application.delayedCalls().cancelAll();
-    if (!m_launchNotifySocketName.empty())
-        ::unlink(m_launchNotifySocketName.c_str());
+    // The sockets' owners have removed their files by now; whatever is left goes with the directory.
+    m_privateDirectory.remove();
 }
 
 } // namespace vt

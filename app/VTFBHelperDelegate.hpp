@@ -17,6 +17,7 @@
 #include "integration/WindowCommandChannel.hpp"
 #include "shell/Application.hpp"
 #include "shell/HelperServerClient.hpp"
+#include "shell/PrivateDirectory.hpp"
 
 namespace vt {
 
@@ -67,6 +68,10 @@ private:
     void startSendWndCmd();
     // The variables other parts of the launcher give each new process.
     WindowsProgram::Environment launcherVariables();
+    // The loader's socket path for a new process, making the loader on first
+    // need; empty when Wine integration is off or the loader has taken a
+    // program in.
+    std::string wineLoaderSocketPath();
     // The last process of the program, or the window-command tool after it,
     // has ended: quit, unless the loader has taken the program into this
     // very process.
@@ -79,13 +84,17 @@ private:
     std::unique_ptr<HelperServerClient> m_helperServerProxy;
     LauncherSettings m_settings;
 
+    // Where the loader's and the launch-notify sockets live; it goes at the end.
+    PrivateDirectory m_privateDirectory;
     // The launch-notify socket's path (empty until it listens).
     std::string m_launchNotifySocketName;
     std::vector<std::shared_ptr<TrayIconEntry>> m_iconList;
-    std::unique_ptr<WineLoader> m_wineLoader;
+    std::shared_ptr<WineLoader> m_wineLoader;
 
     WindowsProgram m_program;
     WindowCommandChannel m_windowCommands;
+    // Its handler hands the program back through m_program, so it goes first.
+    Observation m_wrongArchitectureObservation;
 };
 
 } // namespace vt

@@ -87,9 +87,10 @@ WindowsProgram::WindowsProgram(const LauncherSettings& settings, LauncherVariabl
 std::unique_ptr<VTTask> WindowsProgram::createWineTaskWithLaunchPath(
     const std::optional<std::string>& launchPath, const std::optional<std::vector<std::string>>& arguments)
 {
+    // Nothing is started and nothing reported beyond the debug log: start-up
+    // has already said what is missing.
     if (!launchPath) {
-        platformLog("Cannot start a program for bottle %@: the Vantor tools were not found.",
-                    m_settings.bottleName.value_or("(none)"));
+        VTLog("no process for bottle %@: the Vantor tools were not found", m_settings.bottleName.value_or("(none)"));
         return nullptr;
     }
     if (!m_helperServer)
@@ -99,7 +100,7 @@ std::unique_ptr<VTTask> WindowsProgram::createWineTaskWithLaunchPath(
     try {
         environment = m_helperServer->getEnvironmentForXConnection();
     } catch (const HelperServerError& error) {
-        platformLog("Cannot start %@: the Vantor helper server gave no environment (%s).", *launchPath, error.what());
+        VTLog("no process for %@: the Vantor helper server gave no environment (%s)", *launchPath, error.what());
         return nullptr;
     }
     // Our own variables come last, so they win over the server's.
@@ -155,7 +156,11 @@ bool WindowsProgram::openFiles(const std::vector<std::string>& paths)
         auto task = isDocument
             ? createWineTaskWithLaunchPath(m_settings.vtstartPath, programArguments::document(m_settings, path))
             : createWineTaskWithLaunchPath(m_settings.vtmenuPath, programArguments::menuEntryWithFile(m_settings, path));
-        if (!launchAndTrack(std::move(task)))
+        // A process that was made but fails to start is reported where it
+        // fails; the reply only says whether every process could be made.
+        if (task)
+            launchAndTrack(std::move(task));
+        else
             allMade = false;
     }
     return allMade;

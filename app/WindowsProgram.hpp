@@ -65,7 +65,8 @@ public:
 
     // The ways of starting; each started process is tracked until it ends.
     void openUntitled();
-    // One process per file; false when any of them could not be made.
+    // One process per file; false when a process could not be made for
+    // every file (one that fails to start still counts as made).
     bool openFiles(const std::vector<std::string>& paths);
     void openURL(const std::string& url);
     // An untracked vtmenu that installs the entry for `architecture`, with the

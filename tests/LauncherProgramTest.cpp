@@ -80,9 +80,13 @@ TEST_F(LauncherProgram, UntitledStartRunsTheMenuEntryWithExactArgumentsAndEnviro
     EXPECT_EQ(menu.argv.at(0), (w.mainApp / "Contents/SharedSupport/Vantor/bin/vtmenu").string());
     EXPECT_EQ(menu.arguments(), (Strings { "--bottle", "Office", "--wait-children", "--enable-alt-loader", "macdrv",
                                            "--start", "Programs/Notepad.lnk" }));
+    // The loader's socket, in a directory only this user can enter.
+    std::filesystem::path loaderSocket = menu.environment["VT_APPRUNNER_ALT_LOADER_SOCKET"];
+    EXPECT_EQ(std::filesystem::status(loaderSocket.parent_path()).permissions(), std::filesystem::perms::owner_all);
     auto expected = w.serverDictionary;
     expected["VT_WINDOW_TAG"] = std::to_string(launcher.pid());
     expected["VT_LAUNCHER_BUNDLE_NAME"] = "Notepad";
+    expected["VT_APPRUNNER_ALT_LOADER_SOCKET"] = loaderSocket;
     EXPECT_EQ(menu.environment, expected);
     EXPECT_EQ(wine.environment, expected);
     EXPECT_EQ(menu.standardInput, "null");
@@ -240,7 +244,8 @@ TEST_F(LauncherProgram, AToolThatCannotRunIsReportedAndTheLauncherStays)
 {
     std::filesystem::remove(w.mainApp / "Contents/SharedSupport/Vantor/bin/vtstart");
     auto& launcher = launch({ (w.dir / "a.txt").string(), (w.dir / "b.pdf").string() }, 1);
-    ASSERT_TRUE(w.waitForLog("open reply 2"));
+    // Every process was made, so the opening itself succeeded.
+    ASSERT_TRUE(w.waitForLog("open reply 0"));
     std::string vtstart = (w.mainApp / "Contents/SharedSupport/Vantor/bin/vtstart").string();
     EXPECT_NE(w.launcherLog().find("Cannot start the Windows program: cannot launch '" + vtstart
                                    + "': No such file or directory."),

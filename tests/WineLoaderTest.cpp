@@ -1,0 +1,223 @@
+// The loader's server and the reading of requests, in this process over real
+// sockets: every refusal is logged, answered with silence, leaves no
+// descriptor behind and keeps the server listening.
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include <gtest/gtest.h>
+
+#include "base/NotificationCenter.hpp"
+#include "base/posix_glue.hpp"
+#include "loader/WineLoader.hpp"
+#include "standin/kit/TestSupport.hpp"
+#include "standin/loader/LoaderClient.hpp"
+
+using namespace vt;
+using namespace vt::test;
+using vt::standin::encodeRequestHead;
+using vt::standin::nulTerminated;
+using namespace std::string_literals;
+
+namespace {
+
+size_t openDescriptors()
+{
+    size_t count = 0;
+    for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/fd"))
+        ++count;
+    return count;
+}
+
+std::string bytes(uint64_t value) { return std::string(reinterpret_cast<const char*>(&value), sizeof value); }
+
+class WineLoaderTest : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        std::filesystem::create_directories(dir / "private");
+        loader = WineLoader::create((dir / "root").string(), dir / "private");
+        ASSERT_TRUE(loader);
+    }
+
+    // Sends `head`, the carrier with `count` descriptors (fresh ones, closed
+    // here again) and `trailer`; the answer, if any.
+    std::optional<uint32_t> send(const std::string& head, int count = 4, const std::string& trailer = {})
+    {
+        Fd socket = standin::connectToLoader(loader->socketPath());
+        EXPECT_TRUE(socket);
+        std::vector<Fd> owned;
+        std::vector<int> descriptors;
+        for (int i = 0; i < count; ++i) {
+            owned.emplace_back(::open("/dev/null", O_RDWR | O_CLOEXEC));
+            descriptors.push_back(owned.back().get());
+        }
+        writeAll(socket.get(), head.data(), head.size());
+        if (count >= 0)
+            standin::sendCarrier(socket.get(), descriptors);
+        writeAll(socket.get(), trailer.data(), trailer.size());
+        return standin::finishAndReadAnswer(socket.get());
+    }
+
+    std::string request(uint32_t type = kNativeWineLoaderLayout.ownRequest, const std::string& directory = "/\0"s,
+                        const std::string& arguments = nulTerminated({ "", "notepad.exe" }))
+    {
+        return encodeRequestHead(type, directory, nulTerminated({ "A=1" }), arguments);
+    }
+
+    bool logged(const std::string& text) const
+    {
+        return waitUntil([&] { return log.text().find(text) != std::string::npos; });
+    }
+
+    TempDir dir;
+    StderrCapture log;
+    std::shared_ptr<WineLoader> loader;
+};
+
+} // namespace
+
+TEST_F(WineLoaderTest, ListensInItsDirectoryUntilItGoes)
+{
+    std::filesystem::path path = loader->socketPath();
+    EXPECT_EQ(path.parent_path(), dir / "private");
+    EXPECT_TRUE(std::filesystem::is_socket(path));
+    EXPECT_EQ(loader->vantorRoot(), (dir / "root").string());
+    loader.reset();
+    EXPECT_FALSE(std::filesystem::exists(path));
+
+    // A directory whose socket paths do not fit an address is no place for one.
+    std::filesystem::path deep = dir / std::string(100, 'd');
+    std::filesystem::create_directories(deep);
+    EXPECT_FALSE(WineLoader::create("/root", deep));
+    EXPECT_TRUE(std::filesystem::is_empty(deep));
+}
+
+TEST_F(WineLoaderTest, RefusesMalformedRequestsInSilenceAndKeepsNoDescriptor)
+{
+    const uint32_t own = kNativeWineLoaderLayout.ownRequest;
+    const uint32_t swapped = __builtin_bswap32(own);
+    struct Case {
+        std::string head;
+        int descriptors;
+        std::string trailer;
+        std::string message;
+    };
+    char swappedText[16];
+    std::snprintf(swappedText, sizeof swappedText, "0x%08x", swapped);
+    const Case cases[] = {
+        { std::string(reinterpret_cast<const char*>(&swapped), 4), -1, "", "unknown request type "s + swappedText },
+        { request(own, "a\0b\0"s), 4, "", "working directory is not a single null-terminated string" },
+        { encodeRequestHead(own, "", "A=1", "x\0"s), 4, "", "environment is not null-terminated" },
+        { request(own, "", ""), 4, "", "args list is empty" },
+        { request(own, "", "x"), 4, "", "args is not null-terminated" },
+        { request(), 3, "", "failed to receive file descriptors\n" },
+        { request(), 6, "", "failed to receive file descriptors\n" },
+        { request(), 0, "", "failed to receive file descriptors\n" },
+        { request(), 5, "x", "got extraneous data instead of EOF" },
+        { std::string(reinterpret_cast<const char*>(&own), 4) + bytes(1ull << 40), -1, "",
+          "buffer of length 1099511627776 is beyond the request limit of 16777216 bytes" },
+        { std::string(reinterpret_cast<const char*>(&own), 4) + bytes(8), -1, "", "reading working directory failed" },
+    };
+    // Warm up what the first connection allocates for good (the thread's
+    // stack cache, the log's file), so the count below compares like with like.
+    send(request(), 4);
+    ASSERT_TRUE(logged("Failed to load"));
+    const size_t before = openDescriptors();
+
+    for (int round = 0; round < 20; ++round) {
+        for (const auto& c : cases)
+            EXPECT_EQ(send(c.head, c.descriptors, c.trailer), std::nullopt) << c.message;
+    }
+    for (const auto& c : cases)
+        EXPECT_TRUE(logged(c.message)) << c.message << "\n" << log.text();
+    EXPECT_TRUE(waitUntil([&] { return openDescriptors() == before; }))
+        << openDescriptors() << " descriptors open, " << before << " before";
+
+    // Still listening: a sound request gets as far as loading Wine.
+    EXPECT_FALSE(loader->socketPath().empty());
+    EXPECT_EQ(send(request(), 5), std::nullopt);
+    EXPECT_TRUE(logged("Failed to load " + (dir / "root/lib64/libwine.so.1").string() + ": "));
+}
+
+TEST_F(WineLoaderTest, TheSmallestRequestsAreSound)
+{
+    // One NUL for the directory (no change), no environment, one empty
+    // argument (the default loader), four descriptors: all accepted, so the
+    // reading goes on to Wine's library, which is missing here.
+    send(encodeRequestHead(kNativeWineLoaderLayout.ownRequest, "\0"s, "", "\0"s), 4);
+    EXPECT_TRUE(logged("Failed to load "));
+    // A library without wine_init is refused before the hand-over.
+    std::filesystem::create_directories(dir / "root/lib64");
+    std::filesystem::create_symlink("/lib/x86_64-linux-gnu/libm.so.6", dir / "root/lib64/libwine.so.1");
+    send(request(), 4);
+    EXPECT_TRUE(logged("Failed to find symbol 'wine_init' in " + (dir / "root/lib64/libwine.so.1").string()));
+    EXPECT_FALSE(loader->socketPath().empty());
+}
+
+TEST_F(WineLoaderTest, TheOtherArchitectureIsPostedFromTheConnectionsThread)
+{
+    std::vector<std::string> asked;
+    bool onMainThread = true;
+    Observation observation = NotificationCenter::defaultCenter().addObserver(
+        WineLoaderRejectedRequestForWrongArchitectureNotification, loader.get(), [&](const Notification& n) {
+            onMainThread = isMainThread();
+            asked.push_back(std::any_cast<std::string>(n.userInfo.at(WineLoaderRequestedArchitectureKey)));
+        });
+    EXPECT_EQ(send(request(kNativeWineLoaderLayout.otherRequest)), std::nullopt);
+    ASSERT_TRUE(waitUntil([&] { return !asked.empty(); }));
+    EXPECT_EQ(asked, std::vector<std::string> { "i386" });
+    EXPECT_FALSE(onMainThread);
+    EXPECT_FALSE(loader->socketPath().empty()) << "the right loader may still come";
+}
+
+TEST_F(WineLoaderTest, ThirtyTwoBitLauncherServesTheOtherTypeAndReadsLowLengthBits)
+{
+    TempDir other;
+    auto loader32 = WineLoader::create((other / "root").string(), other.path(), kWineLoaderLayout32);
+    ASSERT_TRUE(loader32);
+    std::vector<std::string> asked;
+    Observation observation = NotificationCenter::defaultCenter().addObserver(
+        WineLoaderRejectedRequestForWrongArchitectureNotification, loader32.get(),
+        [&](const Notification& n) { asked.push_back(std::any_cast<std::string>(n.userInfo.at(WineLoaderRequestedArchitectureKey))); });
+    loader = loader32;
+
+    send(request(WineLoaderRequestX86_64));
+    ASSERT_TRUE(waitUntil([&] { return !asked.empty(); }));
+    EXPECT_EQ(asked, std::vector<std::string> { "x86_64" });
+
+    // A length of 2^32 is 0 to a 32-bit launcher: no working directory.
+    std::string head = encodeRequestHead(WineLoaderRequestI386, "", nulTerminated({ "A=1" }), nulTerminated({ "" }));
+    head.replace(4, 8, bytes(1ull << 32));
+    send(head, 4);
+    EXPECT_TRUE(logged("Failed to load " + (other / "root/lib/libwine.so.1").string()));
+}
+
+TEST_F(WineLoaderTest, RefusesAnotherUserBeforeReadingAnything)
+{
+    if (::getuid() != 0)
+        GTEST_SKIP() << "needs root to become another user";
+    // The launcher's own directory keeps other users out by its mode; this
+    // one lets them reach the socket, so the check behind it is what is seen.
+    ::chmod(dir.path().c_str(), 0755);
+    ::chmod((dir / "private").c_str(), 0755);
+    ::chmod(loader->socketPath().c_str(), 0777);
+    std::string path = loader->socketPath();
+    std::string head = request();
+    pid_t child = ::fork();
+    if (child == 0) {
+        if (::setgid(65534) != 0 || ::setuid(65534) != 0)
+            ::_exit(2);
+        Fd socket = standin::connectToLoader(path);
+        if (!socket)
+            ::_exit(3);
+        writeAll(socket.get(), head.data(), head.size());
+        ::_exit(standin::finishAndReadAnswer(socket.get()) ? 4 : 0);
+    }
+    int status = 0;
+    ASSERT_TRUE(waitUntil([&] { return ::waitpid(child, &status, WNOHANG) == child; }));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+    EXPECT_TRUE(logged("refused a connection from uid 65534"));
+    EXPECT_EQ(log.text().find("Failed to load"), std::string::npos) << "nothing of the request was read";
+}
