@@ -247,6 +247,8 @@ void VTFBHelperDelegate::programEnded()
     // process: the launcher is the program now and must stay.
     if (!m_wineLoader || !m_wineLoader->socketPath().empty())
         m_application.terminate();
+    else
+        VTLog("the program's tools have ended; Wine runs inside the launcher, which stays");
 }
 
 void VTFBHelperDelegate::activateMainApplication() { VT_activateRunningAppWithBundleIdentifier(kVantorBundleIdentifier); }
