@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "app/VTFBHelperDelegate.hpp"
+#include "base/MainLoop.hpp"
 #include "base/PlatformLog.hpp"
 
 namespace vt {
@@ -136,29 +137,48 @@ void VTFBHelperApp::sendEvent(const Event& event)
 
 } // namespace vt
 
-// The driver calls in from C: nothing may be thrown back at it.
+namespace {
+    // The driver calls in from C, and queued work runs from the main loop:
+    // nothing may be thrown at either.
+    template <typename F> void loggingFailures(const char* function, F&& work) noexcept
+    {
+        try {
+            work();
+        } catch (const std::exception& e) {
+            vt::platformLog("%s: %s", function, e.what());
+        } catch (...) {
+            vt::platformLog("%s: an unexpected failure", function);
+        }
+    }
+} // namespace
+
+// The driver registers from the thread Wine runs on. Events are sent and
+// notifications posted on the main thread, so the registration is made there
+// too, and the driver waits for it: when this returns the controller is in
+// place and the driver may reuse its structure.
 extern "C" VT_EXPORT void vt_set_wine_controller(const vt_wine_controller* controller)
 {
-    try {
-        if (auto* application = vt::VTFBHelperApp::shared())
-            application->setWineController(controller);
-        else
-            vt::platformLog("vt_set_wine_controller: there is no launcher application to register with");
-    } catch (const std::exception& e) {
-        vt::platformLog("vt_set_wine_controller: %s", e.what());
-    } catch (...) {
-        vt::platformLog("vt_set_wine_controller: an unexpected failure");
-    }
+    loggingFailures("vt_set_wine_controller", [controller] {
+        vt::runOnMainAndWait([controller] {
+            if (auto* application = vt::VTFBHelperApp::shared())
+                application->setWineController(controller);
+            else
+                vt::platformLog("vt_set_wine_controller: there is no launcher application to register with");
+        });
+    });
 }
 
+// Queued, also on the main thread: a reply given from inside should_terminate
+// comes before the question is marked open and would be lost, and an agreed
+// quit ends the process, which must not happen beneath the driver's call.
 extern "C" VT_EXPORT void vt_reply_to_application_should_terminate(bool shouldTerminate)
 {
-    try {
-        if (auto* application = vt::VTFBHelperApp::shared())
-            application->replyToApplicationShouldTerminate(shouldTerminate);
-    } catch (const std::exception& e) {
-        vt::platformLog("vt_reply_to_application_should_terminate: %s", e.what());
-    } catch (...) {
-        vt::platformLog("vt_reply_to_application_should_terminate: an unexpected failure");
-    }
+    loggingFailures("vt_reply_to_application_should_terminate", [shouldTerminate] {
+        vt::runOnMain([shouldTerminate] {
+            loggingFailures("vt_reply_to_application_should_terminate", [shouldTerminate] {
+                if (auto* application = vt::VTFBHelperApp::shared())
+                    application->replyToApplicationShouldTerminate(shouldTerminate);
+            });
+        });
+    });
 }

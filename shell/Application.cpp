@@ -71,7 +71,7 @@ private:
                 pending = std::exchange(m_pending, false);
             }
             if (pending)
-                m_application.sendEvent(Event { Event::Type::QuitRequest, {}, {} });
+                m_application.sendEventsFromMainLoop({ Event { Event::Type::QuitRequest, {}, {} } });
         });
     }
 
@@ -170,8 +170,42 @@ void Application::dispatch(const Event& event)
 
 void Application::activate()
 {
+    // Every activation is posted, also while active: the delegate answers
+    // each click on the launcher.
+    setHidden(false);
     postNotification(ApplicationWillBecomeActiveNotification);
+    m_active = true;
     postNotification(ApplicationDidBecomeActiveNotification);
+}
+
+void Application::resignActive()
+{
+    if (!m_active)
+        return;
+    postNotification(ApplicationWillResignActiveNotification);
+    m_active = false;
+    postNotification(ApplicationDidResignActiveNotification);
+}
+
+void Application::setHidden(bool hidden)
+{
+    if (m_hidden == hidden)
+        return;
+    postNotification(hidden ? ApplicationWillHideNotification : ApplicationWillUnhideNotification);
+    m_hidden = hidden;
+    postNotification(hidden ? ApplicationDidHideNotification : ApplicationDidUnhideNotification);
+}
+
+void Application::update() noexcept
+{
+    try {
+        postNotification(ApplicationWillUpdateNotification);
+        postNotification(ApplicationDidUpdateNotification);
+    } catch (const std::exception& e) {
+        platformLog("cannot post the update notifications: %s", e.what());
+    } catch (...) {
+        platformLog("cannot post the update notifications");
+    }
 }
 
 void Application::terminate()
@@ -208,10 +242,31 @@ void Application::replyToOpenOrPrint(OpenReply reply)
     VTLog("open reply %d", static_cast<int>(reply));
 }
 
-void Application::hide() { VTLog("hide"); }
-void Application::unhide() { VTLog("unhide"); }
-void Application::unhideWithoutActivation() { VTLog("unhide without activation"); }
-void Application::activateIgnoringOtherApps() { VTLog("activate ignoring other applications"); }
+void Application::hide()
+{
+    VTLog("hide");
+    resignActive();
+    setHidden(true);
+}
+
+void Application::unhide()
+{
+    VTLog("unhide");
+    if (m_hidden)
+        activate();
+}
+
+void Application::unhideWithoutActivation()
+{
+    VTLog("unhide without activation");
+    setHidden(false);
+}
+
+void Application::activateIgnoringOtherApps()
+{
+    VTLog("activate ignoring other applications");
+    activate();
+}
 
 void Application::exitAfterTermination()
 {
@@ -244,6 +299,15 @@ void Application::finishLaunching(const std::vector<Event>& openingEvents)
     postNotification(ApplicationDidFinishLaunchingNotification);
     // A launch by the user makes the launcher the active application once.
     sendEvent(Event { Event::Type::Activate, {}, {} });
+    // The launch is the main loop's first turn.
+    update();
+}
+
+void Application::sendEventsFromMainLoop(const std::vector<Event>& events) noexcept
+{
+    for (const auto& event : events)
+        sendEventFromCallback(event);
+    update();
 }
 
 void Application::sendEventFromCallback(const Event& event) noexcept
@@ -260,8 +324,9 @@ void Application::sendEventFromCallback(const Event& event) noexcept
 void Application::onOpen(GApplication*, GFile** files, gint count, gchar*, gpointer data) noexcept
 {
     auto* self = static_cast<Application*>(data);
-    std::vector<std::string> urls, paths;
+    std::vector<Event> events;
     try {
+        std::vector<std::string> urls, paths;
         for (gint i = 0; i < count; ++i) {
             if (g_file_has_uri_scheme(files[i], "file")) {
                 GCharPtr path(g_file_get_path(files[i]));
@@ -272,19 +337,18 @@ void Application::onOpen(GApplication*, GFile** files, gint count, gchar*, gpoin
                 urls.emplace_back(uri.get());
             }
         }
+        events = openingEvents(urls, paths);
     } catch (...) {
         platformLog("cannot take a forwarded opening");
         return;
     }
-    for (const auto& event : openingEvents(urls, paths))
-        self->sendEventFromCallback(event);
+    self->sendEventsFromMainLoop(events);
 }
 
 void Application::onActivate(GApplication*, gpointer data) noexcept
 {
     auto* self = static_cast<Application*>(data);
-    self->sendEventFromCallback(Event { Event::Type::Reopen, {}, {} });
-    self->sendEventFromCallback(Event { Event::Type::Activate, {}, {} });
+    self->sendEventsFromMainLoop({ Event { Event::Type::Reopen, {}, {} }, Event { Event::Type::Activate, {}, {} } });
 }
 
 void Application::onQuitAction(GSimpleAction*, GVariant*, gpointer data) noexcept
@@ -293,7 +357,7 @@ void Application::onQuitAction(GSimpleAction*, GVariant*, gpointer data) noexcep
     // Later, from the main loop: the bus gets its answer when this returns,
     // and an agreed quit must not end the process before it has gone out.
     try {
-        self->m_mainQueue.post([self] { self->sendEventFromCallback(Event { Event::Type::QuitRequest, {}, {} }); });
+        self->m_mainQueue.post([self] { self->sendEventsFromMainLoop({ Event { Event::Type::QuitRequest, {}, {} } }); });
     } catch (...) {
         platformLog("cannot take the quit action");
     }

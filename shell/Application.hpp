@@ -88,6 +88,12 @@ public:
     // Every event passes through here; the base dispatches it to the delegate.
     virtual void sendEvent(const Event& event);
 
+    // The events that one turn of the main loop brings (a forwarded launch,
+    // the quit action, a quit signal): each is sent in turn, a failure
+    // stopping at its own event (logged), and then the turn ends with
+    // will-update and did-update.
+    void sendEventsFromMainLoop(const std::vector<Event>& events) noexcept;
+
     // The get-URL handler: called with each URL of an opening event.
     void setGetURLHandler(std::function<void(const std::string&)> handler);
 
@@ -96,8 +102,17 @@ public:
     void replyToApplicationShouldTerminate(bool shouldTerminate);
     void replyToOpenOrPrint(OpenReply reply);
 
-    // The launcher has no window of its own: these are logged and nothing else.
+    // Activation and hiding. The launcher has no window of its own, so these
+    // only log, keep the state and post the will/did notifications of each
+    // change. A hidden launcher is never the active one: hiding resigns
+    // activation first, and an activation unhides first.
+    bool isActive() const { return m_active; }
+    bool isHidden() const { return m_hidden; }
+    // The user has turned to another application (the main application has
+    // been brought forward, say); nothing happens unless the launcher is active.
+    void resignActive();
     void hide();
+    // Unhides and activates; nothing happens unless the launcher is hidden.
     void unhide();
     void unhideWithoutActivation();
     void activateIgnoringOtherApps();
@@ -130,6 +145,9 @@ private:
 
     void postNotification(const char* name);
     void activate();
+    void setHidden(bool hidden);
+    // The end of a main-loop turn: will-update, then did-update.
+    void update() noexcept;
     void dispatch(const Event& event);
     // Events from callbacks: an exception stops here, logged.
     void sendEventFromCallback(const Event& event) noexcept;
@@ -151,6 +169,8 @@ private:
     GPtr<GMainLoop> m_loop;
     std::unique_ptr<QuitSignals> m_quitSignals;
     bool m_awaitingTerminateReply = false;
+    bool m_active = false;
+    bool m_hidden = false;
     MainQueueToken m_mainQueue;
 };
 

@@ -73,3 +73,37 @@ TEST(ApplicationEvents, MenuItemsQuitActivateOrHide)
     EXPECT_EQ(delegate.calls.size(), 2u) << "an unknown action does nothing";
     app.setDelegate(nullptr);
 }
+
+TEST(ApplicationEvents, HidingAndActivationPostEachChangeOnce)
+{
+    Application app;
+    std::vector<std::string> posted;
+    auto observation = NotificationCenter::defaultCenter().addObserver("", &app, [&](const Notification& n) {
+        // "ApplicationWillHideNotification" -> "WillHide"
+        posted.push_back(n.name.substr(11, n.name.size() - 11 - 12));
+    });
+    auto take = [&] { return std::exchange(posted, {}); };
+    using Names = std::vector<std::string>;
+
+    app.hide();
+    app.hide();
+    EXPECT_EQ(take(), (Names { "WillHide", "DidHide" })) << "an inactive launcher has no activation to resign";
+    app.unhideWithoutActivation();
+    app.unhideWithoutActivation();
+    app.unhide();
+    EXPECT_EQ(take(), (Names { "WillUnhide", "DidUnhide" })) << "unhiding a shown launcher does nothing";
+
+    app.activateIgnoringOtherApps();
+    app.activateIgnoringOtherApps();
+    EXPECT_EQ(take(), (Names { "WillBecomeActive", "DidBecomeActive", "WillBecomeActive", "DidBecomeActive" }));
+    app.hide();
+    EXPECT_EQ(take(), (Names { "WillResignActive", "DidResignActive", "WillHide", "DidHide" }));
+    app.unhide();
+    EXPECT_EQ(take(), (Names { "WillUnhide", "DidUnhide", "WillBecomeActive", "DidBecomeActive" }));
+    EXPECT_TRUE(app.isActive());
+    app.resignActive();
+    app.resignActive();
+    EXPECT_EQ(take(), (Names { "WillResignActive", "DidResignActive" }));
+    EXPECT_FALSE(app.isActive());
+    EXPECT_FALSE(app.isHidden());
+}

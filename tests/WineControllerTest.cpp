@@ -1,7 +1,9 @@
 // The Wine controller seam: what a driver registered through the C function
 // receives, and in which order relative to the launcher's own dispatch.
+#include <atomic>
 #include <cstddef>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -56,6 +58,24 @@ vt_wine_controller fullController(Recorder& rec)
     c.application_did_become_active = [](void* ctx) { recorder(ctx).calls.push_back("did-become-active"); };
     c.application_will_terminate = [](void* ctx) { recorder(ctx).calls.push_back("will-terminate"); };
     c.should_terminate = [](void* ctx) { return recorder(ctx).terminateReply; };
+    return c;
+}
+
+// The full controller that also follows launching, activation, hiding and
+// the turns of the main loop.
+vt_wine_controller lifeCycleController(Recorder& rec)
+{
+    vt_wine_controller c = fullController(rec);
+    c.application_will_finish_launching = [](void* ctx) { recorder(ctx).calls.push_back("will-finish-launching"); };
+    c.application_did_finish_launching = [](void* ctx) { recorder(ctx).calls.push_back("did-finish-launching"); };
+    c.application_will_resign_active = [](void* ctx) { recorder(ctx).calls.push_back("will-resign-active"); };
+    c.application_did_resign_active = [](void* ctx) { recorder(ctx).calls.push_back("did-resign-active"); };
+    c.application_will_hide = [](void* ctx) { recorder(ctx).calls.push_back("will-hide"); };
+    c.application_did_hide = [](void* ctx) { recorder(ctx).calls.push_back("did-hide"); };
+    c.application_will_unhide = [](void* ctx) { recorder(ctx).calls.push_back("will-unhide"); };
+    c.application_did_unhide = [](void* ctx) { recorder(ctx).calls.push_back("did-unhide"); };
+    c.application_will_update = [](void* ctx) { recorder(ctx).calls.push_back("will-update"); };
+    c.application_did_update = [](void* ctx) { recorder(ctx).calls.push_back("did-update"); };
     return c;
 }
 
@@ -189,3 +209,57 @@ TEST(WineController, ADriverBuiltAgainstAShorterHeaderKeepsWorking)
               std::string::npos);
 }
 
+
+TEST(WineController, FollowsLaunchingHidingAndEachTurnOfTheMainLoop)
+{
+    TestApp app;
+    Recorder rec;
+    vt_wine_controller controller = lifeCycleController(rec);
+    vt_set_wine_controller(&controller);
+    using Calls = std::vector<std::string>;
+
+    app.finishLaunching({});
+    EXPECT_EQ(rec.calls, (Calls { "will-finish-launching", "did-finish-launching", "handle 5", "will-become-active",
+                                  "did-become-active", "did-send 5", "will-update", "did-update" }));
+
+    rec.calls.clear();
+    app.hide();
+    app.hide();
+    EXPECT_EQ(rec.calls, (Calls { "will-resign-active", "did-resign-active", "will-hide", "did-hide" }));
+
+    // A second launch without documents: one turn, two events, one update.
+    rec.calls.clear();
+    app.sendEventsFromMainLoop({ Event { Event::Type::Reopen, {}, {} }, Event { Event::Type::Activate, {}, {} } });
+    EXPECT_EQ(rec.calls, (Calls { "handle 4", "did-send 4", "handle 5", "will-unhide", "did-unhide",
+                                  "will-become-active", "did-become-active", "did-send 5", "will-update",
+                                  "did-update" }));
+}
+
+TEST(WineController, ADriverOnAnotherThreadRegistersAndRepliesThroughTheMainLoop)
+{
+    TestApp app(true);
+    Recorder rec;
+    vt_wine_controller controller = fullController(rec);
+    // A reply given before the question has even been answered must not be lost.
+    controller.should_terminate = [](void*) {
+        vt_reply_to_application_should_terminate(true);
+        return VT_TERMINATE_LATER;
+    };
+
+    std::atomic<bool> returned { false };
+    bool registeredOnReturn = false;
+    std::thread driver([&] {
+        vt_set_wine_controller(&controller);
+        registeredOnReturn = app.hasWineController();
+        returned = true;
+    });
+    EXPECT_TRUE(vt::test::waitUntil([&] { return returned.load(); }));
+    driver.join();
+    EXPECT_TRUE(registeredOnReturn);
+
+    vt::test::StderrCapture capture; // the test's stand-in for ending the process is logged
+    EXPECT_NO_THROW(app.terminate()) << "the reply waits for the main loop";
+    EXPECT_TRUE(rec.calls.empty());
+    EXPECT_TRUE(vt::test::waitUntil([&] { return !rec.calls.empty(); }));
+    EXPECT_EQ(rec.calls, (std::vector<std::string> { "will-terminate" }));
+}

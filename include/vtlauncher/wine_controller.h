@@ -5,11 +5,12 @@
  * The driver fills a vt_wine_controller with the callbacks it implements
  * (a null callback is one it does not answer), sets `size` to
  * sizeof(vt_wine_controller) and registers it with vt_set_wine_controller(),
- * on the main thread. From then on every event of
- * the launcher is offered to handle_event first; did_send_event follows the
- * launcher's own dispatch of every event that was not consumed; and the
- * driver receives exactly those life-cycle notifications whose callbacks it
- * set. The launcher copies the structure but does not own `context`.
+ * from any thread. From then on every event of the launcher is offered to
+ * handle_event first; did_send_event follows the launcher's own dispatch of
+ * every event that was not consumed; and the driver receives exactly those
+ * life-cycle notifications whose callbacks it set. Every callback is called
+ * on the launcher's main thread, which runs its event loop, whichever thread
+ * registered it. The launcher copies the structure but does not own `context`.
  */
 #ifndef VTLAUNCHER_WINE_CONTROLLER_H
 #define VTLAUNCHER_WINE_CONTROLLER_H
@@ -61,7 +62,12 @@ typedef struct vt_wine_controller {
     bool (*handle_event)(void* context, const vt_event* event); /* true: consumed */
     void (*did_send_event)(void* context, const vt_event* event);
 
-    /* Life-cycle notifications, one callback each. */
+    /* Life-cycle notifications, one callback each. The launcher has no window
+     * of its own: become/resign active and hide/unhide follow the user's
+     * activations and the launcher's own hiding (a hidden launcher is never
+     * active), will/did update close each turn of the event loop that brought
+     * an event, and did_change_screen_parameters is never called, as the
+     * driver's own display connection tells it about monitors. */
     vt_notification_callback application_did_become_active;
     vt_notification_callback application_did_change_screen_parameters;
     vt_notification_callback application_did_finish_launching;
@@ -86,10 +92,16 @@ typedef struct vt_wine_controller {
 
 /* Registers `controller` (copied), replacing any earlier one; NULL clears.
  * A controller whose `size` does not reach past `context` is refused (logged).
- * Main thread only. */
+ * From any thread: the registration is made on the main thread and is in place
+ * when this returns (on the main thread, at once). The launcher's main thread
+ * never waits for one of its threads, but it does wait for the answer to a
+ * window command: register before the calling thread owns a window. */
 VT_EXPORT void vt_set_wine_controller(const vt_wine_controller* controller);
 
-/* Answers a quit question that was answered with VT_TERMINATE_LATER. */
+/* Answers a quit question that was answered with VT_TERMINATE_LATER. From any
+ * thread, also from inside should_terminate: the reply is queued and the main
+ * loop takes it once the question is open; an agreed quit ends the process
+ * there, never inside this call. */
 VT_EXPORT void vt_reply_to_application_should_terminate(bool should_terminate);
 
 #ifdef __cplusplus
