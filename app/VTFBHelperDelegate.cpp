@@ -251,7 +251,12 @@ void VTFBHelperDelegate::programEnded()
         VTLog("the program's tools have ended; Wine runs inside the launcher, which stays");
 }
 
-void VTFBHelperDelegate::activateMainApplication() { VT_activateRunningAppWithBundleIdentifier(kVantorBundleIdentifier); }
+void VTFBHelperDelegate::activateMainApplication()
+{
+    // The main application in front means the launcher is no longer the active one.
+    if (VT_activateRunningAppWithBundleIdentifier(kVantorBundleIdentifier))
+        m_application.resignActive();
+}
 
 void VTFBHelperDelegate::applicationDidBecomeActive()
 {
