@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include "loader/WineLoaderProtocol.hpp"
 #include "standin/kit/TestSupport.hpp"
 
 namespace vt::test {
@@ -44,6 +45,8 @@ namespace {
 } // namespace
 
 std::filesystem::path standinMainAppBinary() { return std::filesystem::path(VT_STANDIN_DIR) / "vt-standin-main-app"; }
+
+std::filesystem::path standinWineLibrary() { return std::filesystem::path(VT_STANDIN_DIR) / kWineLibraryName; }
 
 void writeInfoPlist(const std::filesystem::path& bundle, const PlistDict& info)
 {
@@ -105,6 +108,13 @@ std::filesystem::path Desktop::addMainApp(const MainAppCopy& copy)
     std::filesystem::path launched = executable;
     if (copy.execName && *copy.execName != copy.executableName)
         launched = installScript(copy.bundle, *copy.execName, "#!/bin/sh\nexit 0\n");
+
+    if (copy.installsWine) {
+        std::filesystem::path library = copy.bundle / "Contents/SharedSupport/Vantor"
+            / kNativeWineLoaderLayout.libraryDirectory / kWineLibraryName;
+        std::filesystem::create_directories(library.parent_path());
+        std::filesystem::create_symlink(standinWineLibrary(), library);
+    }
 
     addDesktopEntry(copy.desktopId.value_or("vantor-" + std::to_string(m_copies) + ".desktop"), launched,
                     copy.registersScheme);

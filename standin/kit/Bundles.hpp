@@ -20,6 +20,8 @@ namespace vt::test {
 
 // The stand-in main application as built.
 std::filesystem::path standinMainAppBinary();
+// The stand-in Wine library as built (libwine.so.1).
+std::filesystem::path standinWineLibrary();
 
 // Writes bundle/Contents/Info.plist as an XML property list, making the
 // directories on the way.
@@ -50,6 +52,9 @@ struct MainAppCopy {
     std::optional<std::string> desktopId = std::nullopt; // default: vantor-<n>.desktop
     bool registersScheme = true;                         // MimeType=x-scheme-handler/<kVantorURLScheme>
     std::optional<int64_t> modified = std::nullopt;      // the bundle directory's mtime, seconds since the epoch
+    // The stand-in Wine library, linked at Contents/SharedSupport/Vantor/
+    // lib64/libwine.so.1 (lib on a 32-bit build), where the launcher loads it.
+    bool installsWine = true;
 };
 
 // A private desktop under `root`: XDG data home (with applications/), an

@@ -22,6 +22,24 @@ namespace {
         }
         return text;
     }
+
+    std::map<std::string, std::string> environmentOf(const standin::Record& record)
+    {
+        std::map<std::string, std::string> environment;
+        for (const auto& entry : record.values("env")) {
+            size_t equals = entry.find('=');
+            environment[entry.substr(0, equals)] = equals == std::string::npos ? "" : entry.substr(equals + 1);
+        }
+        return environment;
+    }
+
+    std::optional<WineDescriptor> wineDescriptor(const standin::Record& record, const std::string& field)
+    {
+        if (record.values(field).empty())
+            return std::nullopt;
+        return WineDescriptor { record.value(field), record.value(field + "-open") == "yes",
+                                record.value(field + "-cloexec") == "yes" };
+    }
 } // namespace
 
 RecordReader::RecordReader(std::filesystem::path socket)
@@ -101,13 +119,9 @@ std::vector<ToolRecord> RecordReader::tools(const std::string& role) const
     for (const auto& record : all("tool")) {
         if (!role.empty() && record.value("role") != role)
             continue;
-        std::map<std::string, std::string> environment;
-        for (const auto& entry : record.values("env")) {
-            size_t equals = entry.find('=');
-            environment[entry.substr(0, equals)] = equals == std::string::npos ? "" : entry.substr(equals + 1);
-        }
         tools.push_back({ record.value("role"), std::stoi(record.value("pid")), record.values("arg"),
-                          environment, record.value("cwd"), record.value("stdin"), record.value("stdout") });
+                          environmentOf(record), record.value("cwd"), record.value("stdin"),
+                          record.value("stdout") });
     }
     return tools;
 }
@@ -124,6 +138,19 @@ std::optional<pid_t> RecordReader::endedBy(pid_t pid) const
             return std::atoi(record.value("sender").c_str());
     }
     return std::nullopt;
+}
+
+std::vector<WineInitRecord> RecordReader::wineInits() const
+{
+    std::vector<WineInitRecord> inits;
+    for (const auto& record : all("wine-init")) {
+        inits.push_back({ std::stoi(record.value("pid")), record.values("arg"), environmentOf(record),
+                          record.value("cwd"), record.value("stdin"), record.value("stdout"),
+                          record.value("stderr"), wineDescriptor(record, "server-socket"),
+                          wineDescriptor(record, "wait-child-pipe"), record.value("main-thread") == "yes",
+                          record.value("controller") });
+    }
+    return inits;
 }
 
 std::vector<std::string> RecordReader::commandTexts() const

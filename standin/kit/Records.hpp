@@ -25,10 +25,30 @@ struct ToolRecord {
     std::vector<std::string> argv;                  // argv[0] (the path it was started by) first
     std::map<std::string, std::string> environment; // the whole environment
     std::string directory;                          // working directory
-    std::string standardInput;                      // null, pipe, other or closed
+    std::string standardInput;                      // null, pipe, socket, other or closed
     std::string standardOutput;
 
     std::vector<std::string> arguments() const { return { argv.begin() + (argv.empty() ? 0 : 1), argv.end() }; }
+};
+
+// A descriptor that the stand-in Wine was told of through a variable.
+struct WineDescriptor {
+    std::string value; // the variable's value
+    bool open = false; // it names an open descriptor
+    bool closeOnExec = false;
+};
+
+// A call of the stand-in Wine's wine_init, as it recorded it.
+struct WineInitRecord {
+    pid_t pid = 0;
+    std::vector<std::string> argv;
+    std::map<std::string, std::string> environment;
+    std::string directory;
+    std::string standardInput, standardOutput, standardError; // as in ToolRecord
+    std::optional<WineDescriptor> serverSocket;               // WINESERVERSOCKET, when set
+    std::optional<WineDescriptor> waitChildPipe;              // WINE_WAIT_CHILD_PIPE, when set
+    bool mainThread = false;                                  // called on the process's main thread
+    std::string controller;                                   // registered, none or unavailable
 };
 
 // The socket the stand-in programs record to (VT_STANDIN_RECORDS=path()). A
@@ -57,6 +77,8 @@ public:
     // The pid that sent the signal that ended the tool `pid` (0 when it ended
     // by itself); empty while it runs.
     std::optional<pid_t> endedBy(pid_t pid) const;
+    // The stand-in Wine's wine_init calls.
+    std::vector<WineInitRecord> wineInits() const;
     // The window-command requests' command texts (after "-a "), without line ends.
     std::vector<std::string> commandTexts() const;
 

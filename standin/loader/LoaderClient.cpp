@@ -1,5 +1,6 @@
 #include "standin/loader/LoaderClient.hpp"
 
+#include <cerrno>
 #include <cstring>
 
 #include <sys/socket.h>
@@ -34,12 +35,32 @@ Fd connectToLoader(const std::string& path)
     Fd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     sockaddr_un address {};
     address.sun_family = AF_UNIX;
-    if (!socket || path.size() >= sizeof address.sun_path)
+    if (!socket)
         return {};
+    if (path.size() >= sizeof address.sun_path) {
+        errno = ENAMETOOLONG;
+        return {};
+    }
     std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
     if (::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
         return {};
     return socket;
+}
+
+bool sendAll(int socket, const void* bytes, size_t length)
+{
+    const char* p = static_cast<const char*>(bytes);
+    while (length > 0) {
+        ssize_t n = ::send(socket, p, length, MSG_NOSIGNAL);
+        if (n < 0) {
+            if (errno == EINTR)
+                continue;
+            return false;
+        }
+        p += n;
+        length -= static_cast<size_t>(n);
+    }
+    return true;
 }
 
 bool sendCarrier(int socket, const std::vector<int>& descriptors)
@@ -92,7 +113,7 @@ std::optional<uint32_t> sendLoaderRequest(const std::string& path, uint32_t type
         return std::nullopt;
     std::string cwd = workingDirectory.empty() ? std::string() : workingDirectory + '\0';
     std::string head = encodeRequestHead(type, cwd, nulTerminated(environment), nulTerminated(arguments));
-    if (!writeAll(socket.get(), head.data(), head.size()) || !sendCarrier(socket.get(), descriptors))
+    if (!sendAll(socket.get(), head.data(), head.size()) || !sendCarrier(socket.get(), descriptors))
         return std::nullopt;
     return finishAndReadAnswer(socket.get());
 }

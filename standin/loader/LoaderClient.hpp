@@ -27,6 +27,12 @@ std::string encodeRequestHead(uint32_t type, const std::string& workingDirectory
 // A stream socket connected to `path`; invalid (errno set) on failure.
 Fd connectToLoader(const std::string& path);
 
+// Writes all of `bytes` to `socket`; false (errno set) when the launcher
+// has gone. Never raises SIGPIPE: a launcher that refuses may close the
+// connection before the request is complete, and the client must live to
+// read that refusal.
+bool sendAll(int socket, const void* bytes, size_t length);
+
 // Sends the carrier byte with `descriptors` attached (none: no control data).
 bool sendCarrier(int socket, const std::vector<int>& descriptors);
 

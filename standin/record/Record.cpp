@@ -5,6 +5,7 @@
 #include <ctime>
 
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -87,6 +88,21 @@ bool send(Record record)
         && sendto(fd.get(), datagram.data(), datagram.size(), 0, reinterpret_cast<sockaddr*>(&address),
                   sizeof address)
         == static_cast<ssize_t>(datagram.size());
+}
+
+std::string descriptorKind(int fd)
+{
+    struct stat status {};
+    struct stat null {};
+    if (fstat(fd, &status) != 0)
+        return "closed";
+    if (S_ISFIFO(status.st_mode))
+        return "pipe";
+    if (S_ISSOCK(status.st_mode))
+        return "socket";
+    if (S_ISCHR(status.st_mode) && stat("/dev/null", &null) == 0 && status.st_rdev == null.st_rdev)
+        return "null";
+    return "other";
 }
 
 } // namespace vt::standin

@@ -11,8 +11,8 @@
 //
 // Kinds and their fields:
 //   tool      vtmenu, vtstart or wine started: role, arg (argv[0] first),
-//             env (NAME=VALUE, each as given), cwd, stdin and stdout (null,
-//             pipe, other or closed)
+//             env (NAME=VALUE, each as given), cwd, stdin and stdout (what
+//             the descriptor is, as descriptorKind() names it)
 //   tool-end  a tool is ending: role, and either signal and sender (the
 //             signal that ended it and the pid that sent it) or reason
 //   request   the window-command tool received a request: line (its bytes,
@@ -22,6 +22,35 @@
 //             ("expecting-reply" when the caller waits for an answer)
 //   main-app  the main application: event (started, open or activate) and
 //             arg (argv for started, the URIs for open)
+//   loader    vtmenu or vtstart, acting as the Wine loader, handed its
+//             start to the launcher: role, socket (the path it connected
+//             to), outcome (proceed; refused when the connection ended
+//             without that answer; unreachable when it could not connect)
+//   wine-init the stand-in Wine library's wine_init was called: arg (argv,
+//             each), cwd, env (the whole environment, each NAME=VALUE),
+//             stdin, stdout and stderr (descriptorKind()), main-thread (yes
+//             when called on the process's main thread, else no), and for
+//             each of WINESERVERSOCKET and WINE_WAIT_CHILD_PIPE that is set
+//             its value (server-socket, wait-child-pipe) and whether that
+//             number is an open descriptor (server-socket-open,
+//             wait-child-pipe-open) and close-on-exec (server-socket-cloexec,
+//             wait-child-pipe-cloexec), yes or no; and last controller:
+//             registered (the record follows the registration), none, or
+//             unavailable (the process has no vt_set_wine_controller)
+//   mmap      a call of the stand-in Wine library's address-space functions,
+//             which only record: call (wine_anon_mmap or
+//             wine_mmap_add_reserved_area), start, size and, for
+//             wine_anon_mmap, prot and flags, all in hexadecimal ("0x50")
+//   controller the launcher called the stand-in Wine's controller: callback
+//             (the member's name in vt_wine_controller), main-thread (yes or
+//             no); for handle_event and did_send_event: event (the type's
+//             number), item (each), action (when there is one) and, for
+//             handle_event, consumed (yes or no); for should_terminate:
+//             reply (now, cancel or later); for should_handle_reopen:
+//             visible-windows and reply (yes or no). The answer given later
+//             to a quit question is recorded just before it is given, as
+//             callback reply_to_application_should_terminate with reply yes
+//             or no.
 #pragma once
 
 #include <string>
@@ -55,5 +84,9 @@ struct Record {
 
 // Sends `record`, with pid and ms first; false when it was not sent.
 bool send(Record record);
+
+// What the descriptor `fd` is: null (the null device), pipe, socket, other,
+// or closed.
+std::string descriptorKind(int fd);
 
 } // namespace vt::standin

@@ -13,6 +13,10 @@
 // Then it stays alive, like a tool whose Windows program runs, until SIGTERM
 // or SIGINT ends it (ToolSupport.hpp).
 //
+// vtmenu and vtstart with "--enable-alt-loader" (whatever follows it:
+// "macdrv" or "macdrv--") and VT_APPRUNNER_ALT_LOADER_SOCKET set play the
+// Wine loader instead, after their record: WineLoaderStandIn.hpp.
+//
 // wine with exactly the arguments
 //   --bottle <bottle> --wl-app sendwndcmd -n -e explorer;apprunner
 // is the window-command channel: after its record it execs
@@ -31,21 +35,11 @@
 
 #include "standin/record/Record.hpp"
 #include "standin/tools/ToolSupport.hpp"
+#include "standin/tools/WineLoaderStandIn.hpp"
 
 extern char** environ;
 
 namespace {
-
-std::string streamKind(int fd)
-{
-    std::error_code error;
-    auto target = std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(fd), error);
-    if (error)
-        return "closed";
-    if (target == "/dev/null")
-        return "null";
-    return target.string().starts_with("pipe:") ? "pipe" : "other";
-}
 
 vt::standin::Record startRecord(const std::string& role, char** argv)
 {
@@ -57,8 +51,8 @@ vt::standin::Record startRecord(const std::string& role, char** argv)
         record.add("env", *entry);
     std::error_code error;
     record.add("cwd", std::filesystem::current_path(error).string());
-    record.add("stdin", streamKind(STDIN_FILENO));
-    record.add("stdout", streamKind(STDOUT_FILENO));
+    record.add("stdin", vt::standin::descriptorKind(STDIN_FILENO));
+    record.add("stdout", vt::standin::descriptorKind(STDOUT_FILENO));
     return record;
 }
 
@@ -100,5 +94,7 @@ int main(int argc, char** argv)
     vt::standin::send(startRecord(role, argv));
     if (startsWindowCommandTool(role, argc, argv))
         execWindowCommandTool(argv);
+    if (vt::standin::actsAsWineLoader(role, argv))
+        vt::standin::handOverToLauncher(role, argv, signals);
     signals.endWithSignal(role);
 }
