@@ -156,6 +156,10 @@ void VTTask::launch()
     connectStream(actions, m_stderr, STDERR_FILENO, stderrOurs, stderrChild);
     if (m_currentDirectory)
         posix_spawn_file_actions_addchdir_np(actions.get(), m_currentDirectory->c_str());
+    // A child gets its three standard streams and nothing else of ours: a
+    // descriptor Wine holds in this process (the wait-children pipe above
+    // all, whose last holder ends the loader's wait) must not live on in it.
+    posix_spawn_file_actions_addclosefrom_np(actions.get(), STDERR_FILENO + 1);
 
     // The strings' own bytes, unchanged: no normalisation on the way.
     std::vector<char*> argv;
