@@ -2,6 +2,9 @@
 // sockets: every refusal is logged, answered with silence, leaves no
 // descriptor behind and keeps the server listening.
 #include <fcntl.h>
+#include <future>
+#include <thread>
+
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -11,6 +14,8 @@
 #include "base/NotificationCenter.hpp"
 #include "base/posix_glue.hpp"
 #include "loader/WineLoader.hpp"
+#include "standin/kit/Bundles.hpp"
+#include "standin/kit/Records.hpp"
 #include "standin/kit/TestSupport.hpp"
 #include "standin/loader/LoaderClient.hpp"
 
@@ -57,7 +62,13 @@ protected:
         if (count >= 0)
             standin::sendCarrier(socket.get(), descriptors);
         writeAll(socket.get(), trailer.data(), trailer.size());
-        return standin::finishAndReadAnswer(socket.get());
+        // Read elsewhere: a request that gets as far as the hand-over waits
+        // for this thread's main loop.
+        auto answer = std::async(std::launch::async, [&] { return standin::finishAndReadAnswer(socket.get()); });
+        if (answer.wait_for(100ms) != std::future_status::ready) { // a refusal comes at once
+            EXPECT_TRUE(waitUntil([&] { return answer.wait_for(0s) == std::future_status::ready; }));
+        }
+        return answer.get();
     }
 
     std::string request(uint32_t type = kNativeWineLoaderLayout.ownRequest, const std::string& directory = "/\0"s,
@@ -220,4 +231,81 @@ TEST_F(WineLoaderTest, RefusesAnotherUserBeforeReadingAnything)
     EXPECT_EQ(WEXITSTATUS(status), 0);
     EXPECT_TRUE(logged("refused a connection from uid 65534"));
     EXPECT_EQ(log.text().find("Failed to load"), std::string::npos) << "nothing of the request was read";
+}
+
+TEST_F(WineLoaderTest, TheFirstOfTwoLoadersTakesTheStartOver)
+{
+    // The stand-in's Wine library, told to fail: its wine_init records what
+    // it was given and returns. The requests' standard descriptors are this
+    // process's own, so taking them over changes nothing here.
+    std::filesystem::create_directories(dir / "root/lib64");
+    std::filesystem::create_symlink(standinWineLibrary(), dir / "root/lib64/libwine.so.1");
+    RecordReader records(dir / "records");
+    ScopedEnvironment environment;
+    for (const char* name : { "VT_STANDIN_WINE", "VT_STANDIN_RECORDS", "WINELOADER", "WINESERVERSOCKET",
+                              "WINE_WAIT_CHILD_PIPE", "HANDOVER_TEST" })
+        environment.unset(name);
+    environment.set("VT_ALT_LOADER_SOCKET", "ours");
+    const std::vector<std::string> requestEnvironment { "VT_STANDIN_WINE=fail",
+                                                        "VT_STANDIN_RECORDS=" + records.path().string(),
+                                                        "WINELOADER=/opt/wine/wineloader", "VT_ALT_LOADER_SOCKET=theirs",
+                                                        "WINE_WAIT_CHILD_PIPE=99", "HANDOVER_TEST=a=b" };
+    int pair[2];
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair), 0);
+    Fd wineServer(pair[0]), wineServerPeer(pair[1]);
+    const std::vector<int> descriptors { STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO, wineServer.get() };
+
+    // Both requests are in before the main loop decides.
+    std::string path = loader->socketPath();
+    std::string head = encodeRequestHead(kNativeWineLoaderLayout.ownRequest,
+                                         std::filesystem::current_path().string() + '\0',
+                                         nulTerminated(requestEnvironment), nulTerminated({ "", "notepad.exe" }));
+    std::vector<Fd> loaders;
+    for (int i = 0; i < 2; ++i) {
+        loaders.push_back(standin::connectToLoader(path));
+        ASSERT_TRUE(standin::sendAll(loaders.back().get(), head.data(), head.size()));
+        ASSERT_TRUE(standin::sendCarrier(loaders.back().get(), descriptors));
+    }
+    std::optional<uint32_t> answers[2];
+    std::atomic<bool> answered[2] = {};
+    std::thread readers[2];
+    for (int i = 0; i < 2; ++i)
+        readers[i] = std::thread([&, i] { 
+            answers[i] = standin::finishAndReadAnswer(loaders[i].get());
+            answered[i] = true;
+        });
+    EXPECT_TRUE(waitUntil([&] { return answered[0] && answered[1]; }));
+    for (auto& reader : readers)
+        reader.join();
+
+    EXPECT_NE(answers[0] == WineLoaderResponseProceed, answers[1] == WineLoaderResponseProceed) << "exactly one";
+    EXPECT_EQ(answers[0] == std::nullopt, answers[1] != std::nullopt);
+    EXPECT_EQ(loader->socketPath(), "");
+    EXPECT_TRUE(std::filesystem::is_empty(dir / "private"));
+
+    ASSERT_TRUE(waitUntil([&] { return records.wineInits().size() == 1; }));
+    WineInitRecord wine = records.wineInits().at(0);
+    EXPECT_EQ(wine.argv, (std::vector<std::string> { "/opt/wine/wineloader", "notepad.exe" }))
+        << "the request's WINELOADER stands for the empty first argument";
+    EXPECT_EQ(wine.environment["HANDOVER_TEST"], "a=b");
+    EXPECT_EQ(wine.environment["VT_ALT_LOADER_SOCKET"], "ours");
+    EXPECT_FALSE(wine.environment.count("WINE_WAIT_CHILD_PIPE")) << "set only for a received pipe";
+    ASSERT_TRUE(wine.serverSocket);
+    EXPECT_TRUE(wine.serverSocket->open && wine.serverSocket->closeOnExec);
+
+    // Its failure is on standard error as Wine wrote it, without a line end,
+    // and the server is spent.
+    ASSERT_TRUE(logged("WineLoaderClientConnection::handleConnection: wine_init failed: "));
+    EXPECT_NE(log.text().back(), '\n');
+}
+
+TEST_F(WineLoaderTest, AMalformedEnvironmentIsFoundOnlyAfterTheAnswer)
+{
+    std::filesystem::create_directories(dir / "root/lib64");
+    std::filesystem::create_symlink(standinWineLibrary(), dir / "root/lib64/libwine.so.1");
+    EXPECT_EQ(send(encodeRequestHead(kNativeWineLoaderLayout.ownRequest, "", nulTerminated({ "NO_VALUE" }),
+                                     nulTerminated({ "" }))),
+              WineLoaderResponseProceed);
+    EXPECT_TRUE(logged("WineLoaderClientConnection::handleConnection: environment buffer has malformed string: NO_VALUE"));
+    EXPECT_EQ(loader->socketPath(), "") << "spent, with no Wine";
 }
