@@ -1,6 +1,7 @@
 // A walk through one launcher's life, told as it happens: the real vtlauncher
 // in a bundle, beside the stand-in Vantor product on a private session bus.
 // Nothing here is simulated inside the launcher; the product around it is.
+#include <algorithm>
 #include <csignal>
 #include <cstdlib>
 #include <iostream>
@@ -51,9 +52,13 @@ void showTool(const ToolRecord& record, const std::string& tag)
     say("     " + record.role + " (pid " + std::to_string(record.pid) + ") " + quoted(record.arguments()));
     say("       standard input/output: " + record.standardInput + "/" + record.standardOutput
         + ", working directory " + record.directory);
+    auto loader = record.environment.find("VT_APPRUNNER_ALT_LOADER_SOCKET");
+    bool hasLoader = loader != record.environment.end();
     say("       VT_WINDOW_TAG=" + record.environment.at("VT_WINDOW_TAG") + " (the launcher is " + tag
         + "), VT_LAUNCHER_BUNDLE_NAME=" + record.environment.at("VT_LAUNCHER_BUNDLE_NAME") + ", "
-        + std::to_string(record.environment.size() - 2) + " more from the helper server");
+        + std::to_string(record.environment.size() - 2 - hasLoader) + " more from the helper server");
+    if (hasLoader)
+        say("       VT_APPRUNNER_ALT_LOADER_SOCKET=" + loader->second);
 }
 
 // Shows the window commands from the `from`-th on, once there are `count`.
@@ -95,18 +100,36 @@ int main()
     showTool(w.records.tools("wine").at(0), tag);
     auto menu = w.records.tools("vtmenu").at(0);
     showTool(menu, tag);
+    say("   vtmenu's Wine loader hands the start over through VT_APPRUNNER_ALT_LOADER_SOCKET:");
+    expect(waitUntil([&] { return !w.records.wineInits().empty(); }), "the hand-over", w);
+    auto wine = w.records.wineInits().at(0);
+    say("     loader: " + w.records.all("loader").at(0).value("outcome") + "; the socket is "
+        + (std::filesystem::exists(menu.environment.at("VT_APPRUNNER_ALT_LOADER_SOCKET")) ? "still there (wrong!)"
+                                                                                          : "gone"));
+    say("     Wine now runs inside the launcher (pid " + std::to_string(wine.pid) + "): wine_init " + quoted(wine.argv));
+    say("       WINESERVERSOCKET=" + (wine.serverSocket ? wine.serverSocket->value : "?") + ", WINE_WAIT_CHILD_PIPE="
+        + (wine.waitChildPipe ? wine.waitChildPipe->value : "?") + ", its display driver's controller "
+        + wine.controller);
+    for (const auto& call : w.records.texts("mmap"))
+        say("       reserved for Wine: " + call);
 
     say("\n2. The user opens Report.txt with Notepad: a declared document type goes to vtstart.");
     w.startLauncher({ (w.dir / "Report.txt").string() }, product).waitForExit();
     expect(w.records.waitForTools(1, "vtstart"), "opening the document", w);
     showTool(w.records.tools("vtstart").at(0), tag);
 
-    say("\n3. The user clicks Notepad again: no second copy, the program's windows are raised.");
-    size_t seen = w.records.texts("request").size();
+    say("\n3. The user clicks Notepad again: no second copy; Wine's controller inside the launcher takes it.");
+    size_t calls = w.records.texts("controller").size();
     w.startLauncher({}, product).waitForExit();
-    showCommands(w, seen, seen + 1, "activation");
-    say("     helper server asked: " + w.records.texts("call").back());
+    expect(waitUntil([&] {
+        auto texts = w.records.texts("controller");
+        return std::find(texts.begin() + calls, texts.end(), "application_did_become_active yes") != texts.end();
+    }), "activation", w);
+    auto controllerCalls = w.records.texts("controller");
+    for (size_t i = calls; i < controllerCalls.size(); ++i)
+        say("     controller: " + controllerCalls[i]);
     say("     vtmenu processes: " + std::to_string(w.records.tools("vtmenu").size()));
+    size_t seen = w.records.texts("request").size();
 
     say("\n4. The user quits, but the program has unsaved work and says no.");
     w.setAnswer("queryendsession", "0");
@@ -123,10 +146,10 @@ int main()
     auto status = launcher.waitForExit();
     showCommands(w, seen, seen + 4, "the agreed quit");
     say("     the launcher exited with status " + (status ? std::to_string(*status) : std::string("?")));
-    terminateAndWait(menu.pid);
+    // vtmenu waits on the wait-children pipe, which Wine inside the launcher held.
     expect(waitUntil([&] { return w.records.endedBy(menu.pid).has_value(); }), "the end of the program", w);
-    bool byLauncher = w.records.endedBy(menu.pid) != getpid();
-    say(std::string("     vtmenu was ") + (byLauncher ? "ended by the launcher (wrong!)" : "never signalled by the launcher")
-        + ": the Windows side ends the session itself.");
+    bool byLauncher = w.records.endedBy(menu.pid) != 0;
+    say(std::string("     vtmenu ") + (byLauncher ? "was ended by a signal (wrong!)" : "ended by itself")
+        + ": nothing was killed; the Windows side ended the session itself.");
     return status == 0 && !byLauncher ? 0 : 1;
 }
