@@ -173,3 +173,19 @@ TEST(LauncherStartup, QuitActionOnTheBusEndsItAndIsAnswered)
     EXPECT_EQ(quit.waitForExit(), 0);
     EXPECT_TRUE(w.waitForLog("event: quit-request"));
 }
+
+TEST(LauncherStartup, ABundleWithoutNameOrBottleIsToldPlainly)
+{
+    StandinWorld w;
+    w.launcherInfo.erase("CFBundleName");
+    w.launcherInfo.erase("VTHelperAppBottleName");
+    w.startHelperServer();
+    w.startLauncher();
+    std::string plist = (w.dir / "Notepad.app/Contents/Info.plist").string();
+    ASSERT_TRUE(w.waitForLog(plist + " has no VTHelperAppBottleName string: the tools are not told which bottle to use."));
+    EXPECT_NE(w.launcherLog().find(plist + " has no CFBundleName string"), std::string::npos) << w.launcherLog();
+    ASSERT_TRUE(w.records.waitForTools(1, "vtmenu")) << w.launcherLog();
+    auto menu = w.records.tools("vtmenu").at(0);
+    EXPECT_EQ(menu.arguments(), std::vector<std::string> { "--bottle" }) << "the list ends where the bottle is missing";
+    EXPECT_EQ(menu.environment["VT_LAUNCHER_BUNDLE_NAME"], "");
+}
