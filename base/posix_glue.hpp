@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <utility>
 
+#include <sys/socket.h>
 #include <unistd.h>
 
 namespace vt {
@@ -63,12 +64,14 @@ private:
 template <typename Owner> OutPtr<Owner> outPtr(Owner& owner) noexcept { return OutPtr<Owner>(owner); }
 
 // Writes all of `length` bytes, going on after interruptions and partial
-// writes; false (with errno set) when a write fails.
-inline bool writeAll(int fd, const void* bytes, size_t length)
+// writes; false (with errno set) when a write fails. To a socket (`toSocket`)
+// it writes with send(MSG_NOSIGNAL): a peer that has gone is a failed write,
+// not a SIGPIPE.
+inline bool writeAll(int fd, const void* bytes, size_t length, bool toSocket = false)
 {
     const char* p = static_cast<const char*>(bytes);
     while (length > 0) {
-        ssize_t n = ::write(fd, p, length);
+        ssize_t n = toSocket ? ::send(fd, p, length, MSG_NOSIGNAL) : ::write(fd, p, length);
         if (n < 0) {
             if (errno == EINTR)
                 continue;

@@ -47,21 +47,7 @@ Fd connectToLoader(const std::string& path)
     return socket;
 }
 
-bool sendAll(int socket, const void* bytes, size_t length)
-{
-    const char* p = static_cast<const char*>(bytes);
-    while (length > 0) {
-        ssize_t n = ::send(socket, p, length, MSG_NOSIGNAL);
-        if (n < 0) {
-            if (errno == EINTR)
-                continue;
-            return false;
-        }
-        p += n;
-        length -= static_cast<size_t>(n);
-    }
-    return true;
-}
+bool sendAll(int socket, const void* bytes, size_t length) { return writeAll(socket, bytes, length, true); }
 
 bool sendCarrier(int socket, const std::vector<int>& descriptors)
 {
