@@ -29,7 +29,7 @@ TEST(WindowCommandRequests, CarryTagIdentifierAndTextAsTheyStand)
 {
     EXPECT_EQ(windowCommandRequest(4242, "helperDelegateCommand0", "haswindows"),
               "-t 4242 -c helperDelegateCommand0 -a haswindows\n");
-    EXPECT_EQ(activateSystrayCommand(TrayIconEntry { 65636, 1, 1025 }), "activatesystray -h 65636 -m 1025 -s 1");
+    EXPECT_EQ(activateSystrayCommand(TrayIconEntry { {}, 1, 65636, 1025 }), "activatesystray -h 65636 -m 1025 -s 1");
     EXPECT_EQ(windowCommandToolArguments("Office"),
               (std::vector<std::string> { "--bottle", "Office", "--wl-app", "sendwndcmd", "-n", "-e", "explorer;apprunner" }));
     EXPECT_TRUE(windowCommandToolArguments(std::nullopt).size() == 1u) << "the list ends at the missing bottle";
