@@ -55,7 +55,7 @@ public:
         return std::exchange(m_pending, false);
     }
 
-private:
+    // A quit request, from a signal or from anywhere else.
     void requested()
     {
         {
@@ -75,6 +75,7 @@ private:
         });
     }
 
+private:
     Application& m_application;
     GPtr<GMainContext> m_context;
     GPtr<GMainLoop> m_loop;
@@ -349,6 +350,14 @@ void Application::onActivate(GApplication*, gpointer data) noexcept
 {
     auto* self = static_cast<Application*>(data);
     self->sendEventsFromMainLoop({ Event { Event::Type::Reopen, {}, {} }, Event { Event::Type::Activate, {}, {} } });
+}
+
+void Application::requestQuit()
+{
+    if (m_quitSignals)
+        m_quitSignals->requested();
+    else
+        m_mainQueue.post([this] { sendEventsFromMainLoop({ Event { Event::Type::QuitRequest, {}, {} } }); });
 }
 
 void Application::onQuitAction(GSimpleAction*, GVariant*, gpointer data) noexcept

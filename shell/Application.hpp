@@ -99,6 +99,9 @@ public:
 
     // Asks the delegate whether to quit and acts on the reply.
     void terminate();
+    // A quit request from any thread, handled exactly as a quit signal: a
+    // start-up wait takes it at once, otherwise the main loop does.
+    void requestQuit();
     void replyToApplicationShouldTerminate(bool shouldTerminate);
     void replyToOpenOrPrint(OpenReply reply);
 
