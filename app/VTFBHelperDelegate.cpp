@@ -28,7 +28,6 @@ VTFBHelperDelegate::VTFBHelperDelegate(VTFBHelperApp& application)
             programEnded();
     })
 {
-    m_iconList.reserve(2);
 }
 
 VTFBHelperDelegate::~VTFBHelperDelegate() = default;
@@ -42,6 +41,7 @@ std::optional<std::string> VTFBHelperDelegate::infoString(const char* key) const
 void VTFBHelperDelegate::applicationWillFinishLaunching()
 {
     m_application.setGetURLHandler([this](const std::string& url) { handleGetURLEvent(url); });
+    showStatusItem();
 
     // Starts the main application in the background if it isn't running and
     // hands it this launcher's bundle; the answer is not needed.
@@ -68,9 +68,46 @@ void VTFBHelperDelegate::applicationWillFinishLaunching()
 
     findProductTools();
     startSendWndCmd();
+    // The item has shown the same rewritten menu since start-up began.
     formatMenuItemsWithBundleName(m_application.mainMenu());
     VTLog("start-up done: bottle %@, menu %@, tools in %@", m_settings.bottleName.value_or("(none)"),
           m_settings.menuPath.value_or("(none)"), m_settings.vantorRoot.value_or("(none)"));
+}
+
+void VTFBHelperDelegate::showStatusItem()
+{
+    const VTBundle* bundle = m_application.mainBundle();
+    std::string title = infoString("CFBundleName").value_or(
+        bundle ? bundle->bundlePath().stem().string() : std::string("vtlauncher"));
+    std::string id = bundle ? bundle->bundleIdentifier().value_or(title) : title;
+
+    GPtr<GdkPixbuf> icon = applicationIcon(bundle);
+    try {
+        m_statusItem = std::make_unique<StatusNotifierItem>(id, title, *icon, StatusNotifierItem::Callbacks {
+            // A click on the icon is a click on the launcher.
+            .activate = [this] { m_application.sendEventsFromMainLoop({ Event { Event::Type::Activate, {}, {} } }); },
+            .menuAction = [this](const std::string& action) {
+                m_application.sendEventsFromMainLoop({ Event { Event::Type::MenuItem, {}, action } });
+            },
+        });
+    } catch (const std::exception& error) {
+        platformLog("The launcher has no icon in the status area: %s", error.what());
+    }
+    m_trayIcons = std::make_unique<TrayIconList>(std::move(icon), [this](const GdkPixbuf& tile) {
+        if (m_statusItem)
+            m_statusItem->setIcon(tile);
+    });
+    m_launchNotify = std::make_unique<LaunchNotifySocket>(*m_trayIcons);
+    if (!m_statusItem)
+        return;
+
+    // Start-up may wait long for the helper server or the bottle; the item
+    // says what for, and the menu is there to quit meanwhile.
+    m_statusItem->setToolTip(formatMessage("Getting %@ ready…", infoString("VTHelperAppBottleName").value_or(title)));
+    Menu menu = m_application.mainMenu();
+    formatMenuItemsWithBundleName(menu);
+    m_statusItem->setMenu(menu);
+    m_statusTitle = title;
 }
 
 void VTFBHelperDelegate::readBundleSettings()
@@ -166,13 +203,20 @@ void VTFBHelperDelegate::formatMenuItemsWithBundleName(Menu& menu)
     replaceInMenuTitles(menu, "%@", *bundleName);
 }
 
-void VTFBHelperDelegate::applicationDidFinishLaunching() {}
+void VTFBHelperDelegate::applicationDidFinishLaunching()
+{
+    if (m_launchNotify)
+        m_launchNotify->monitorFeedbackSocket();
+    // The program has been started: the item stands for it again.
+    if (m_statusItem)
+        m_statusItem->setToolTip(m_statusTitle);
+}
 
 WindowsProgram::Environment VTFBHelperDelegate::launcherVariables()
 {
     WindowsProgram::Environment variables;
     if (startLaunchNotify())
-        variables["VT_SYSTRAY_SOCKET"] = m_launchNotifySocketName;
+        variables["VT_SYSTRAY_SOCKET"] = m_launchNotify->launchNotifySocketName();
     std::string socketPath = wineLoaderSocketPath();
     if (!socketPath.empty())
         variables["VT_APPRUNNER_ALT_LOADER_SOCKET"] = socketPath;
@@ -200,9 +244,20 @@ std::string VTFBHelperDelegate::wineLoaderSocketPath()
 
 bool VTFBHelperDelegate::startLaunchNotify()
 {
-    // The launch-notify socket comes with the tray icons; until then the
-    // Windows side is not told of one.
-    return false;
+    auto directory = m_privateDirectory.path();
+    return m_launchNotify && directory && m_launchNotify->startLaunchNotify(*directory);
+}
+
+const std::string& VTFBHelperDelegate::launchNotifySocketName() const
+{
+    static const std::string none;
+    return m_launchNotify ? m_launchNotify->launchNotifySocketName() : none;
+}
+
+const std::vector<TrayIconEntry>& VTFBHelperDelegate::iconList() const
+{
+    static const std::vector<TrayIconEntry> none;
+    return m_trayIcons ? m_trayIcons->iconList() : none;
 }
 
 bool VTFBHelperDelegate::applicationShouldOpenUntitledFile(Application&)
@@ -278,8 +333,8 @@ void VTFBHelperDelegate::applicationDidBecomeActive()
         return;
     }
     // No window to raise: a click on the oldest tray icon is the next best thing.
-    if (!m_iconList.empty())
-        m_windowCommands.sendMessageToTaggedWindows(activateSystrayCommand(*m_iconList.front()));
+    if (!iconList().empty())
+        m_windowCommands.sendMessageToTaggedWindows(activateSystrayCommand(iconList().front()));
 }
 
 TerminateReply VTFBHelperDelegate::applicationShouldTerminate(Application&)
@@ -312,6 +367,8 @@ void VTFBHelperDelegate::applicationWillTerminate()
     m_program.stopObservingEnds();
     m_windowCommands.stopObservingEnd();
     m_application.delayedCalls().cancelAll();
+    if (m_launchNotify)
+        m_launchNotify->stop();
     // The sockets' owners have removed their files by now; whatever is left goes with the directory.
     m_privateDirectory.remove();
 }

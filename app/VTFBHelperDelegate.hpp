@@ -1,7 +1,8 @@
 // The application delegate: it brings the launcher up (the main application,
 // its helper server, the bottle, the product's tools) and then coordinates
 // the collaborators that do the work: the Windows program's processes, the
-// window-command channel, and (once they exist) the loader and the tray. It
+// window-command channel, the loader, the tray socket and icon list, and the
+// status-notifier item that shows the tile in the desktop's status area. It
 // answers the application's questions about opening, activation and quitting.
 #pragma once
 
@@ -13,11 +14,13 @@
 #include "app/LauncherSettings.hpp"
 #include "app/WindowsProgram.hpp"
 #include "base/NotificationCenter.hpp"
-#include "integration/TrayIconEntry.hpp"
+#include "integration/LaunchNotifySocket.hpp"
+#include "integration/TrayIconList.hpp"
 #include "integration/WindowCommandChannel.hpp"
 #include "shell/Application.hpp"
 #include "shell/HelperServerClient.hpp"
 #include "shell/PrivateDirectory.hpp"
+#include "shell/StatusNotifierItem.hpp"
 
 namespace vt {
 
@@ -51,6 +54,9 @@ public:
 
     // Sets up the launch-notify socket on first use; answers whether it is usable.
     bool startLaunchNotify();
+    const std::string& launchNotifySocketName() const;
+    // The tray icons as the Windows side has announced them; empty before start-up.
+    const std::vector<TrayIconEntry>& iconList() const;
 
     // Replaces every "%@" in the titles of `menu`, at every depth, with the
     // bundle's name. Separators are left alone.
@@ -77,6 +83,9 @@ private:
     // very process.
     void programEnded();
     void activateMainApplication();
+    // The status-notifier item and the tray icons painted on it, from the
+    // first moment of start-up, so that a long wait is not silence.
+    void showStatusItem();
 
     VTFBHelperApp& m_application;
 
@@ -86,9 +95,11 @@ private:
 
     // Where the loader's and the launch-notify sockets live; it goes at the end.
     PrivateDirectory m_privateDirectory;
-    // The launch-notify socket's path (empty until it listens).
-    std::string m_launchNotifySocketName;
-    std::vector<std::shared_ptr<TrayIconEntry>> m_iconList;
+    std::unique_ptr<TrayIconList> m_trayIcons;
+    std::unique_ptr<StatusNotifierItem> m_statusItem;
+    std::string m_statusTitle;
+    // Gives messages to m_trayIcons, so it goes first.
+    std::unique_ptr<LaunchNotifySocket> m_launchNotify;
     std::shared_ptr<WineLoader> m_wineLoader;
 
     WindowsProgram m_program;

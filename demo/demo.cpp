@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include "standin/kit/StandinWorld.hpp"
+#include "standin/kit/StatusNotifierWatcher.hpp"
 
 using namespace std::chrono_literals;
 using namespace vt::test;
@@ -70,6 +71,25 @@ void showCommands(StandinWorld& w, size_t from, size_t count, const std::string&
         say("     window command: " + texts[i]);
 }
 
+// Writes the tile the status area shows now as a PNG in `folder`.
+std::string saveTile(StatusNotifierWatcher& watcher, const std::filesystem::path& folder, const std::string& name)
+{
+    auto tile = watcher.iconPixmap();
+    std::string path = (folder / (name + ".png")).string();
+    if (!tile || !gdk_pixbuf_save(tile.get(), path.c_str(), "png", nullptr, nullptr))
+        return "(not written)";
+    return path;
+}
+
+// The Wine side's tray sends one message with the stand-in tray sender.
+bool sendTrayIcon(StandinWorld& w, const std::string& socket, const std::vector<std::string>& arguments)
+{
+    std::vector<std::string> argv { (std::filesystem::path(VT_STANDIN_DIR) / "vt-standin-traysender").string() };
+    argv.insert(argv.end(), arguments.begin(), arguments.end());
+    TestProcess sender(argv, w.environment({ { "VT_SYSTRAY_SOCKET", socket } }));
+    return sender.waitForExit() == 0;
+}
+
 } // namespace
 
 int main()
@@ -81,6 +101,12 @@ int main()
     // The main application is not running: the launcher starts it, and it
     // brings up the helper server, whose bottle needs two seconds.
     EnvironmentChanges product { { "VT_STANDIN_SERVE_HELPER", "1" }, { "VT_STANDIN_NOT_READY", "2" } };
+
+    // The desktop's status area, as a stand-in watcher that reads the
+    // launcher's item; the tiles it shows go to PNG files.
+    StatusNotifierWatcher watcher(w.bus.address());
+    std::filesystem::path tiles = std::filesystem::canonical("/proc/self/exe").parent_path() / "tiles";
+    std::filesystem::create_directories(tiles);
 
     say("Vantor launcher demo: the real vtlauncher beside the stand-in Vantor product, on a private bus.");
     say("  main application: " + w.mainApp.string() + " (not running yet)");
@@ -113,12 +139,31 @@ int main()
     for (const auto& call : w.records.texts("mmap"))
         say("       reserved for Wine: " + call);
 
-    say("\n2. The user opens Report.txt with Notepad: a declared document type goes to vtstart.");
+    say("\n2. The program puts two icons in its tray: they become badges on the launcher's icon in the status area.");
+    expect(watcher.waitForRegistration().has_value(), "the status-notifier item's registration", w);
+    say("     status area: item " + watcher.registeredItems().at(0) + ", title \"" + watcher.stringProperty("Title")
+        + "\", tooltip \"" + watcher.toolTipText() + "\"");
+    say("     tile before: " + saveTile(watcher, tiles, "tile-0"));
+    std::string traySocket = menu.environment.at("VT_SYSTRAY_SOCKET");
+    say("     VT_SYSTRAY_SOCKET=" + traySocket);
+    const std::vector<std::vector<std::string>> icons {
+        { "add", "--hwnd", "65636", "--id", "1", "--size", "16", "--colour", "d83b01", "--mask", "ring" },
+        { "add", "--hwnd", "65640", "--id", "1", "--size", "32", "--colour", "2b88d8", "--mask", "checker" },
+    };
+    for (size_t i = 0; i < icons.size(); ++i) {
+        unsigned seen = watcher.signalCount("NewIcon");
+        expect(sendTrayIcon(w, traySocket, icons[i]) && watcher.waitForSignal("NewIcon", seen + 1),
+               "tray icon " + std::to_string(i + 1), w);
+        say("     tray sender: " + quoted(icons[i]));
+        say("       tile now: " + saveTile(watcher, tiles, "tile-" + std::to_string(i + 1)));
+    }
+
+    say("\n3. The user opens Report.txt with Notepad: a declared document type goes to vtstart.");
     w.startLauncher({ (w.dir / "Report.txt").string() }, product).waitForExit();
     expect(w.records.waitForTools(1, "vtstart"), "opening the document", w);
     showTool(w.records.tools("vtstart").at(0), tag);
 
-    say("\n3. The user clicks Notepad again: no second copy; Wine's controller inside the launcher takes it.");
+    say("\n4. The user clicks Notepad again: no second copy; Wine's controller inside the launcher takes it.");
     size_t calls = w.records.texts("controller").size();
     w.startLauncher({}, product).waitForExit();
     expect(waitUntil([&] {
@@ -131,7 +176,7 @@ int main()
     say("     vtmenu processes: " + std::to_string(w.records.tools("vtmenu").size()));
     size_t seen = w.records.texts("request").size();
 
-    say("\n4. The user quits, but the program has unsaved work and says no.");
+    say("\n5. The user quits, but the program has unsaved work and says no.");
     w.setAnswer("queryendsession", "0");
     seen = w.records.texts("request").size();
     launcher.signal(SIGTERM);
@@ -139,7 +184,7 @@ int main()
     expect(w.waitForLog("quit cancelled"), "the refused quit", w);
     say(std::string("     the launcher is ") + (launcher.running() ? "still running" : "gone (wrong!)"));
 
-    say("\n5. The user saves and quits again; the program agrees.");
+    say("\n6. The user saves and quits again; the program agrees.");
     w.setAnswer("queryendsession", "1");
     seen = w.records.texts("request").size();
     launcher.signal(SIGTERM);

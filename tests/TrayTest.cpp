@@ -1,0 +1,263 @@
+// The Windows program's tray icons on the real launcher's status-notifier
+// item: tray messages over the launch-notify socket from the Wine side's
+// side, the tile read back by a stand-in watcher on the private bus, and the
+// item's activation, menu and tooltip acting on the launcher.
+#include <algorithm>
+#include <atomic>
+#include <csignal>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "standin/kit/StandinWorld.hpp"
+#include "standin/kit/StatusNotifierWatcher.hpp"
+#include "standin/tray/TrayRecord.hpp"
+
+using namespace std::chrono_literals;
+using namespace vt::test;
+using vt::kNativeTrayLayout;
+using vt::standin::TrayPicture;
+
+namespace {
+
+using Strings = std::vector<std::string>;
+
+struct Rgba {
+    uint8_t r, g, b, a;
+    bool operator==(const Rgba&) const = default;
+};
+
+Rgba pixelAt(const GdkPixbuf& image, int x, int y)
+{
+    const guint8* p = gdk_pixbuf_read_pixels(&image) + y * gdk_pixbuf_get_rowstride(&image)
+        + x * gdk_pixbuf_get_n_channels(&image);
+    return { p[0], p[1], p[2], gdk_pixbuf_get_has_alpha(&image) ? p[3] : uint8_t(255) };
+}
+
+Rgba opaque(uint32_t rgb) { return { uint8_t(rgb >> 16), uint8_t(rgb >> 8), uint8_t(rgb), 255 }; }
+
+// Whether the two tiles agree everywhere outside the rectangle [x0, x1) x [y0, y1).
+bool sameOutside(const GdkPixbuf& a, const GdkPixbuf& b, int x0, int y0, int x1, int y1)
+{
+    for (int y = 0; y < vt::kTileSize; ++y) {
+        for (int x = 0; x < vt::kTileSize; ++x) {
+            bool inside = x >= x0 && x < x1 && y >= y0 && y < y1;
+            if (!inside && !(pixelAt(a, x, y) == pixelAt(b, x, y)))
+                return false;
+        }
+    }
+    return true;
+}
+
+class Tray : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        // The program runs in processes of its own, so activation is the
+        // launcher's to handle (with Wine inside, Wine's driver takes it).
+        std::filesystem::remove(w.mainApp / "Contents/SharedSupport/Vantor/lib64/libwine.so.1");
+    }
+
+    // Starts the helper server and the launcher, and waits until the
+    // window-command tool and the program run and the item is registered.
+    TestProcess& launch()
+    {
+        w.startHelperServer();
+        TestProcess& launcher = w.startLauncher();
+        EXPECT_TRUE(w.records.waitForTools(2)) << w.launcherLog();
+        socket = w.records.tools("vtmenu").at(0).environment["VT_SYSTRAY_SOCKET"];
+        EXPECT_FALSE(socket.empty());
+        EXPECT_TRUE(watcher.waitForRegistration()) << w.launcherLog();
+        return launcher;
+    }
+
+    // Sends one message and waits for the tile it brings.
+    void send(uint64_t operation, int32_t hwnd, int32_t id, const TrayPicture& picture)
+    {
+        sendRaw(vt::standin::trayMessage(kNativeTrayLayout, operation,
+                                         vt::standin::trayRecord(kNativeTrayLayout, hwnd, id, 0x401, picture)));
+    }
+    void sendRaw(const std::vector<uint8_t>& bytes)
+    {
+        unsigned icons = watcher.signalCount("NewIcon");
+        ASSERT_TRUE(vt::standin::sendTrayBytes(socket, bytes));
+        ASSERT_TRUE(watcher.waitForSignal("NewIcon", icons + 1)) << w.launcherLog();
+    }
+
+    StandinWorld w;
+    StatusNotifierWatcher watcher { w.bus.address() };
+    std::string socket;
+};
+
+} // namespace
+
+TEST_F(Tray, IconsArriveOnTheTileWrapModifyInPlaceAndLeaveThePlainTile)
+{
+    launch();
+    auto plain = watcher.iconPixmap();
+    ASSERT_EQ(gdk_pixbuf_get_width(plain.get()), vt::kTileSize);
+
+    // 16 x 16 pixels, the left half masked out: drawn at 32 x 32 points from
+    // the tile's top-left corner, one point in.
+    TrayPicture first = vt::standin::solidPicture(16, 0xCC3322);
+    for (uint32_t y = 0; y < 16; ++y)
+        for (uint32_t x = 0; x < 8; ++x)
+            first.transparent[y * 16 + x] = true;
+    send(vt::kTrayOperationAdd, 7, 1, first);
+    auto tile = watcher.iconPixmap();
+    for (int y = 1; y <= 32; ++y) {
+        for (int x = 1; x <= 32; ++x) {
+            Rgba expected = x <= 16 ? pixelAt(*plain, x, y) : opaque(0xCC3322);
+            ASSERT_EQ(pixelAt(*tile, x, y), expected) << "at " << x << "," << y;
+        }
+    }
+    EXPECT_TRUE(sameOutside(*tile, *plain, 1, 1, 33, 33));
+
+    // Three to a row; the fourth starts the next row under the first.
+    const uint32_t colours[] = { 0x11AA11, 0x1111AA, 0xAAAA11 };
+    for (int i = 0; i < 3; ++i)
+        send(vt::kTrayOperationAdd, 7, 2 + i, vt::standin::solidPicture(32, colours[i], 24));
+    tile = watcher.iconPixmap();
+    EXPECT_EQ(pixelAt(*tile, 35, 1), opaque(0x11AA11));
+    EXPECT_EQ(pixelAt(*tile, 69 + 31, 32), opaque(0x1111AA));
+    EXPECT_EQ(pixelAt(*tile, 1, 33), opaque(0xAAAA11));
+    EXPECT_EQ(pixelAt(*tile, 32, 64), opaque(0xAAAA11));
+    EXPECT_TRUE(sameOutside(*tile, *plain, 1, 1, 103, 65));
+
+    // A modify keeps the icon's place; an unknown one changes nothing.
+    send(vt::kTrayOperationModify, 7, 2, vt::standin::solidPicture(32, 0x55EEEE));
+    send(vt::kTrayOperationModify, 8, 2, vt::standin::solidPicture(32, 0x000000));
+    tile = watcher.iconPixmap();
+    EXPECT_EQ(pixelAt(*tile, 35, 1), opaque(0x55EEEE));
+    EXPECT_EQ(pixelAt(*tile, 69, 1), opaque(0x1111AA));
+
+    for (int32_t id : { 1, 2, 3, 4 })
+        send(vt::kTrayOperationDelete, 7, id, TrayPicture {});
+    EXPECT_TRUE(sameOutside(*watcher.iconPixmap(), *plain, 0, 0, 0, 0));
+}
+
+TEST_F(Tray, FaultyMessagesAreLoggedChangeNothingAndLaterOnesStillWork)
+{
+    auto& launcher = launch();
+    auto plain = watcher.iconPixmap();
+    const auto& layout = kNativeTrayLayout;
+    auto good = vt::standin::trayRecord(layout, 9, 1, 0x401, vt::standin::solidPicture(16, 0x2255AA));
+
+    // Refused before any redraw: nothing at all, and a wrong code.
+    ASSERT_TRUE(vt::standin::sendTrayBytes(socket, {}));
+    ASSERT_TRUE(vt::standin::sendTrayBytes(socket, vt::standin::trayMessage(layout, 0, good, 0x4B)));
+    // Redrawn, the list unchanged: an unknown operation, a bare header, a
+    // depth the tray cannot show.
+    sendRaw(vt::standin::trayMessage(layout, 7, good));
+    sendRaw(vt::standin::trayMessage(layout, 0, std::vector<uint8_t>(good.begin(), good.begin() + 984)));
+    TrayPicture deep = vt::standin::solidPicture(16, 0x2255AA, 16);
+    sendRaw(vt::standin::trayMessage(layout, 0, vt::standin::trayRecord(layout, 9, 1, 0x401, deep)));
+    EXPECT_TRUE(sameOutside(*watcher.iconPixmap(), *plain, 0, 0, 0, 0));
+
+    send(vt::kTrayOperationAdd, 9, 1, vt::standin::solidPicture(16, 0x2255AA));
+    EXPECT_EQ(pixelAt(*watcher.iconPixmap(), 10, 10), opaque(0x2255AA));
+    EXPECT_TRUE(launcher.running());
+
+    std::string log = w.launcherLog();
+    for (const char* line : {
+             "Got an unexpected response from the launchnotifysocket.  Not enough data.",
+             "Got an unexpected response from the launchnotifysocket.  Read message 0.",
+             "Got an unexpected response from the launchnotifysocket.  Read message 4b.",
+             "Unknown systray message: 7",
+             "createIconWithData: can't deal with indexed color (16 bits-per-pixel)",
+         })
+        EXPECT_NE(log.find(line), std::string::npos) << line << "\n" << log;
+}
+
+TEST_F(Tray, AThousandMessagesFromTwentySendersAreAllApplied)
+{
+    launch();
+    auto plain = watcher.iconPixmap();
+    unsigned before = watcher.signalCount("NewIcon");
+
+    // Each sender adds its icon, changes it 48 times and takes it away.
+    std::vector<std::thread> senders;
+    std::atomic<int> failures { 0 };
+    for (int32_t sender = 0; sender < 20; ++sender) {
+        senders.emplace_back([&, sender] {
+            for (int i = 0; i < 50; ++i) {
+                uint64_t operation = i == 0 ? vt::kTrayOperationAdd
+                    : i == 49              ? vt::kTrayOperationDelete
+                                           : vt::kTrayOperationModify;
+                auto picture = vt::standin::solidPicture(16, 0x010101u * uint32_t(i));
+                auto record = vt::standin::trayRecord(kNativeTrayLayout, 100 + sender, 1, 0x401, picture);
+                if (!vt::standin::sendTrayBytes(socket, vt::standin::trayMessage(kNativeTrayLayout, operation, record)))
+                    ++failures;
+            }
+        });
+    }
+    for (auto& sender : senders)
+        sender.join();
+    EXPECT_EQ(failures, 0);
+    // One repaint per message, and every icon gone again.
+    EXPECT_TRUE(watcher.waitForSignal("NewIcon", before + 1000, 30s)) << watcher.signalCount("NewIcon") - before;
+    EXPECT_TRUE(sameOutside(*watcher.iconPixmap(), *plain, 0, 0, 0, 0));
+}
+
+TEST_F(Tray, ActivationRaisesTheWindowsOrClicksTheOldestTrayIcon)
+{
+    w.setAnswer("haswindows", "0");
+    auto& launcher = launch();
+    send(vt::kTrayOperationAdd, 101, 5, vt::standin::solidPicture(16, 0x808080));
+    send(vt::kTrayOperationAdd, 102, 6, vt::standin::solidPicture(16, 0x404040));
+    size_t seen = w.records.commandTexts().size();
+
+    watcher.activate(10, 10);
+    ASSERT_TRUE(w.records.waitFor("request", seen + 2)) << w.launcherLog();
+    EXPECT_EQ(w.records.commandTexts().at(seen), "haswindows");
+    EXPECT_EQ(w.records.commandTexts().at(seen + 1), "activatesystray -h 101 -m 1025 -s 5");
+
+    // With a window to show, the windows are raised and no icon is clicked.
+    w.setAnswer("haswindows", "1");
+    std::string raise = "RaiseWindowsWithTag " + std::to_string(launcher.pid());
+    auto raises = [&] {
+        auto calls = w.records.texts("call");
+        return std::count(calls.begin(), calls.end(), raise);
+    };
+    auto before = raises();
+    watcher.activate(10, 10);
+    ASSERT_TRUE(waitUntil([&] { return raises() == before + 1; }));
+    ASSERT_TRUE(w.records.waitFor("request", seen + 3));
+    EXPECT_EQ(w.records.commandTexts().size(), seen + 3);
+}
+
+TEST_F(Tray, TheMenusQuitItemEndsTheSessionLikeAQuitSignal)
+{
+    auto& launcher = launch();
+    auto menu = watcher.menuLayout();
+    ASSERT_EQ(menu.children.size(), 1u);
+    EXPECT_EQ(menu.children[0].label, "Quit Notepad");
+    size_t seen = w.records.commandTexts().size();
+
+    watcher.clickMenuItem("Quit Notepad");
+    EXPECT_EQ(launcher.waitForExit(), 0) << w.launcherLog();
+    auto texts = w.records.commandTexts();
+    EXPECT_EQ(Strings(texts.begin() + seen, texts.end()),
+              (Strings { "close", "queryendsession", "endsession", "shutdown" }));
+}
+
+TEST_F(Tray, WhileStartUpWaitsTheItemSaysSoAndItRegistersWithALateWatcher)
+{
+    watcher.stop();
+    w.startHelperServer({ { "VT_STANDIN_NOT_READY", "3" } });
+    w.startLauncher();
+    ASSERT_TRUE(w.waitForLog("is not ready yet")) << w.launcherLog();
+
+    // A desktop that comes up while the launcher waits finds it waiting.
+    watcher.start();
+    ASSERT_TRUE(watcher.waitForRegistration());
+    EXPECT_EQ(watcher.toolTipText(), "Getting Office ready…");
+    EXPECT_EQ(watcher.stringProperty("Title"), "Notepad");
+    EXPECT_EQ(watcher.stringProperty("Status"), "Active");
+    EXPECT_EQ(watcher.stringProperty("Id"), "com.example.Notepad");
+    EXPECT_EQ(watcher.stringProperty("Category"), "ApplicationStatus");
+    EXPECT_TRUE(w.records.tools().empty()) << "still waiting";
+
+    ASSERT_TRUE(w.records.waitForTools(2)) << w.launcherLog();
+    EXPECT_TRUE(waitUntil([&] { return watcher.toolTipText() == "Notepad"; }));
+}
