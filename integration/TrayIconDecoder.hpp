@@ -51,6 +51,11 @@ uint32_t trayColourBytes(uint32_t width, uint32_t height, uint32_t planes, uint3
 // red in `record` in place.
 std::optional<TrayIcon> createIconWithData(std::vector<uint8_t>& record, const TrayLayout& layout = kNativeTrayLayout);
 
+// The colour bitmap alone, without transparency, at its pixel size in
+// points: what a tray icon looks like when its mask cannot be applied. The
+// image owns a copy of the pixels. Nothing when the bitmap is not valid.
+std::optional<TrayIcon> iconWithoutMask(const BitmapView& colour);
+
 // The colour bitmap with alpha from the mask (a set bit is transparent), at
 // 32 x 32 points; nothing (logged) when either has an unexpected number of
 // samples per pixel.

@@ -28,6 +28,12 @@ GPtr<GdkPixbuf> applicationIcon(const VTBundle* bundle);
 // The generic icon built into the launcher, 128 x 128.
 GPtr<GdkPixbuf> genericApplicationIcon();
 
+// `baseIcon` (the tile's size, RGBA) with `icons` painted over it in list
+// order at their point sizes: rows hanging from the top edge, one point in
+// from the left, two points between badges, a new row under the lowest
+// badge so far; what falls outside the tile is cut off.
+GPtr<GdkPixbuf> paintBadges(const GdkPixbuf& baseIcon, const std::vector<TrayIconEntry>& icons);
+
 class TrayIconList : public TrayMessageReceiver {
 public:
     // `showTile` gets each newly painted tile. `baseIcon` is scaled to the

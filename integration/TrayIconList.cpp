@@ -1,0 +1,290 @@
+#include "integration/TrayIconList.hpp"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <filesystem>
+
+#include "base/PlatformLog.hpp"
+#include "base/VTLog.hpp"
+#include "source/VTBundle.hpp"
+
+namespace vt {
+
+namespace {
+
+    std::optional<int32_t> readInt32(const std::vector<uint8_t>& record, size_t offset)
+    {
+        if (record.size() < offset + sizeof(int32_t))
+            return std::nullopt;
+        int32_t value = 0;
+        std::memcpy(&value, record.data() + offset, sizeof value);
+        return value;
+    }
+
+    // The entry a record stands for, or nothing when its icon is refused.
+    std::optional<TrayIconEntry> decodeEntry(std::vector<uint8_t>& record, const TrayLayout& layout)
+    {
+        auto icon = createIconWithData(record, layout);
+        if (!icon)
+            return std::nullopt;
+        // A decoded record holds its whole header.
+        return TrayIconEntry { std::move(*icon), readInt32(record, layout.idOffset).value_or(0),
+                               readInt32(record, layout.hwndOffset).value_or(0),
+                               readInt32(record, layout.callbackMessageOffset).value_or(0) };
+    }
+
+    // The entry nearest the end that stands for the same tray icon: the
+    // Windows side tells icons apart by window and identifier.
+    std::vector<TrayIconEntry>::iterator findLast(std::vector<TrayIconEntry>& list, int32_t id, int32_t hwnd)
+    {
+        auto found = std::find_if(list.rbegin(), list.rend(),
+                                  [&](const TrayIconEntry& entry) { return entry.id == id && entry.hwnd == hwnd; });
+        return found == list.rend() ? list.end() : std::prev(found.base());
+    }
+
+    // An RGBA image of the tile's size, whatever `image` was.
+    GPtr<GdkPixbuf> asTileImage(GPtr<GdkPixbuf> image)
+    {
+        if (!image)
+            return nullptr;
+        if (gdk_pixbuf_get_width(image.get()) != kTileSize || gdk_pixbuf_get_height(image.get()) != kTileSize)
+            image = adopt(gdk_pixbuf_scale_simple(image.get(), kTileSize, kTileSize, GDK_INTERP_BILINEAR));
+        if (image && !gdk_pixbuf_get_has_alpha(image.get()))
+            image = adopt(gdk_pixbuf_add_alpha(image.get(), FALSE, 0, 0, 0));
+        return image;
+    }
+
+    // --- The generic icon: a rounded blue tile with a window on it. ---
+
+    struct Colour {
+        double r, g, b;
+    };
+
+    // Signed distance from (x, y) to a rectangle with rounded corners:
+    // negative inside, in pixels.
+    double roundedRectDistance(double x, double y, double left, double top, double right, double bottom,
+                               double radius)
+    {
+        double cx = (left + right) / 2, cy = (top + bottom) / 2;
+        double qx = std::abs(x - cx) - ((right - left) / 2 - radius);
+        double qy = std::abs(y - cy) - ((bottom - top) / 2 - radius);
+        double outside = std::hypot(std::max(qx, 0.0), std::max(qy, 0.0));
+        return outside + std::min(std::max(qx, qy), 0.0) - radius;
+    }
+
+    // How much of a pixel a shape covers, from its distance at the pixel's
+    // centre: smooth edges without supersampling.
+    double coverage(double distance) { return std::clamp(0.5 - distance, 0.0, 1.0); }
+
+    // One pixel painted in layers, back to front, kept premultiplied.
+    struct PixelPaint {
+        double r = 0, g = 0, b = 0, a = 0;
+        void over(Colour c, double alpha)
+        {
+            r = c.r * alpha + r * (1 - alpha);
+            g = c.g * alpha + g * (1 - alpha);
+            b = c.b * alpha + b * (1 - alpha);
+            a = alpha + a * (1 - alpha);
+        }
+    };
+
+    Colour mix(Colour a, Colour b, double t)
+    {
+        return { a.r + (b.r - a.r) * t, a.g + (b.g - a.g) * t, a.b + (b.b - a.b) * t };
+    }
+
+    Colour rgb(uint32_t hex) { return { double(hex >> 16 & 0xFF), double(hex >> 8 & 0xFF), double(hex & 0xFF) }; }
+
+    std::optional<std::filesystem::path> iconFileIn(const std::filesystem::path& resources, const std::string& name)
+    {
+        for (const char* extension : { "", ".icns", ".png" }) {
+            std::error_code error;
+            auto candidate = resources / (name + extension);
+            if (std::filesystem::is_regular_file(candidate, error))
+                return candidate;
+        }
+        return std::nullopt;
+    }
+
+} // namespace
+
+GPtr<GdkPixbuf> genericApplicationIcon()
+{
+    GPtr<GdkPixbuf> icon = adopt(gdk_pixbuf_new(GDK_COLORSPACE_RGB, TRUE, 8, kTileSize, kTileSize));
+    guchar* pixels = gdk_pixbuf_get_pixels(icon.get());
+    const int stride = gdk_pixbuf_get_rowstride(icon.get());
+
+    const Colour shadow = rgb(0x0B1A3A), tileTop = rgb(0x5B8DEF), tileBottom = rgb(0x2B4FAE);
+    const Colour rim = rgb(0x9DBBF7), window = rgb(0xF5F7FB), titleBar = rgb(0xD5DEEE), titleDot = rgb(0x8A9BBD);
+    const Colour textLine = rgb(0xBCC7DB);
+    for (int y = 0; y < kTileSize; ++y) {
+        for (int x = 0; x < kTileSize; ++x) {
+            const double px = x + 0.5, py = y + 0.5;
+            PixelPaint paint;
+            // A soft shadow under the tile, a little lower than it.
+            double shadowDistance = roundedRectDistance(px, py, 9, 11, 119, 123, 26);
+            paint.over(shadow, 0.30 * std::clamp(0.5 - shadowDistance / 5, 0.0, 1.0));
+            // The tile: a vertical gradient with a lighter rim along its top.
+            double tileDistance = roundedRectDistance(px, py, 8, 6, 120, 118, 24);
+            paint.over(mix(tileTop, tileBottom, (py - 6) / 112), coverage(tileDistance));
+            double rimDistance = std::max(tileDistance, -tileDistance - 1.5);
+            paint.over(rim, 0.55 * coverage(rimDistance) * std::clamp((40 - py) / 30, 0.0, 1.0));
+            // The window: a title bar with three dots, and lines of text.
+            double windowDistance = roundedRectDistance(px, py, 27, 33, 101, 93, 7);
+            paint.over(window, coverage(windowDistance));
+            paint.over(titleBar, coverage(std::max(windowDistance, py - 46)));
+            for (double dotX : { 36.0, 44.0, 52.0 })
+                paint.over(titleDot, coverage(std::hypot(px - dotX, py - 39.5) - 2.6));
+            for (auto [top, right] : { std::pair { 55.0, 88.0 }, { 65.0, 80.0 }, { 75.0, 85.0 } })
+                paint.over(textLine, coverage(roundedRectDistance(px, py, 37, top, right, top + 5, 2.5)));
+
+            guchar* out = pixels + size_t(y) * stride + size_t(x) * 4;
+            double a = paint.a;
+            out[0] = guchar(a > 0 ? std::lround(paint.r / a) : 0);
+            out[1] = guchar(a > 0 ? std::lround(paint.g / a) : 0);
+            out[2] = guchar(a > 0 ? std::lround(paint.b / a) : 0);
+            out[3] = guchar(std::lround(a * 255));
+        }
+    }
+    return icon;
+}
+
+GPtr<GdkPixbuf> applicationIcon(const VTBundle* bundle)
+{
+    if (!bundle) {
+        VTLog("No bundle to take an icon from; the tile shows the generic application icon.");
+        return genericApplicationIcon();
+    }
+    auto name = bundle->stringForInfoDictionaryKey("CFBundleIconFile");
+    if (!name || name->empty()) {
+        // Many bundles have no icon of their own; that is no fault.
+        VTLog("%@ names no CFBundleIconFile; the tile shows the generic application icon.", bundle->bundlePath());
+        return genericApplicationIcon();
+    }
+    // A file name inside Resources, never a way out of the bundle.
+    if (name->find('/') != std::string::npos || *name == "." || *name == "..") {
+        platformLog("The CFBundleIconFile %@ of %@ is not a file name; the tile shows the generic application icon.",
+                    *name, bundle->bundlePath());
+        return genericApplicationIcon();
+    }
+    auto path = iconFileIn(bundle->resourcePath(), *name);
+    if (!path) {
+        platformLog("The icon %@ of %@ is not in %@, with or without .icns or .png; the tile shows the generic "
+                    "application icon.",
+                    *name, bundle->bundlePath(), bundle->resourcePath());
+        return genericApplicationIcon();
+    }
+    GErrorHolder error;
+    auto icon = adopt(gdk_pixbuf_new_from_file_at_scale(path->c_str(), kTileSize, kTileSize, FALSE, error));
+    if (!icon) {
+        platformLog("The icon %@ cannot be read (%s); the tile shows the generic application icon.", *path,
+                    error.message());
+        return genericApplicationIcon();
+    }
+    return asTileImage(std::move(icon));
+}
+
+TrayIconList::TrayIconList(GPtr<GdkPixbuf> baseIcon, std::function<void(const GdkPixbuf& tile)> showTile,
+                           const TrayLayout& layout)
+    : m_baseIcon(asTileImage(std::move(baseIcon)))
+    , m_showTile(std::move(showTile))
+    , m_layout(layout)
+{
+    if (!m_baseIcon)
+        m_baseIcon = genericApplicationIcon();
+    // Most programs have one or two tray icons.
+    m_iconList.reserve(2);
+}
+
+void TrayIconList::addIconWithData(std::vector<uint8_t>& record)
+{
+    auto entry = decodeEntry(record, m_layout);
+    if (!entry)
+        return;
+    auto found = findLast(m_iconList, entry->id, entry->hwnd);
+    if (found != m_iconList.end())
+        *found = std::move(*entry);
+    else
+        m_iconList.push_back(std::move(*entry));
+}
+
+void TrayIconList::modifyIconWithData(std::vector<uint8_t>& record)
+{
+    auto entry = decodeEntry(record, m_layout);
+    if (!entry)
+        return;
+    auto found = findLast(m_iconList, entry->id, entry->hwnd);
+    if (found != m_iconList.end())
+        *found = std::move(*entry);
+}
+
+void TrayIconList::deleteIconWithData(std::vector<uint8_t>& record)
+{
+    // Only the identity is read: a delete carries no bits worth checking.
+    auto hwnd = readInt32(record, m_layout.hwndOffset);
+    auto id = readInt32(record, m_layout.idOffset);
+    if (!hwnd || !id)
+        return;
+    auto found = findLast(m_iconList, *id, *hwnd);
+    if (found != m_iconList.end())
+        m_iconList.erase(found);
+}
+
+GPtr<GdkPixbuf> paintBadges(const GdkPixbuf& baseIcon, const std::vector<TrayIconEntry>& icons)
+{
+    GPtr<GdkPixbuf> tile = adopt(gdk_pixbuf_copy(&baseIcon));
+    const int W = kTileSize, H = kTileSize;
+
+    // The layout runs in the desktop's drawing coordinates, origin at the
+    // bottom left, y upward: badges hang from the top edge, left to right
+    // with 2 points between them, and a new row starts right under the
+    // lowest badge so far.
+    int x = 1;
+    int rowTop = int(H - 1.0);
+    int lowestEdge = rowTop;
+    for (const TrayIconEntry& entry : icons) {
+        const int w = entry.icon.width, h = entry.icon.height;
+        double drawX = x;
+        if (x + w > W) {
+            rowTop = lowestEdge;
+            drawX = 1.0;
+        }
+        const int y = int(rowTop - h);
+        lowestEdge = std::min(lowestEdge, y);
+        x = int(w + 2.0 + drawX);
+
+        // In the tile's rows, top first: the icon covers rows H - y - h to
+        // H - 1 - y. What falls outside the tile is cut off, with no mark.
+        GdkPixbuf* source = entry.icon.pixbuf.get();
+        if (!source || w <= 0 || h <= 0)
+            continue;
+        const int left = int(drawX), top = H - y - h;
+        const int clipLeft = std::max(left, 0), clipTop = std::max(top, 0);
+        const int clipRight = std::min(left + w, W), clipBottom = std::min(top + h, H);
+        if (clipLeft >= clipRight || clipTop >= clipBottom)
+            continue;
+        const int sourceWidth = gdk_pixbuf_get_width(source), sourceHeight = gdk_pixbuf_get_height(source);
+        // Whole-number enlargements (a 16-pixel icon at 32 points) keep
+        // their pixels sharp; anything else is smoothed.
+        const bool wholeScale = w % sourceWidth == 0 && h % sourceHeight == 0;
+        gdk_pixbuf_composite(source, tile.get(), clipLeft, clipTop, clipRight - clipLeft, clipBottom - clipTop, left,
+                             top, double(w) / sourceWidth, double(h) / sourceHeight,
+                             wholeScale ? GDK_INTERP_NEAREST : GDK_INTERP_BILINEAR, 255);
+    }
+    return tile;
+}
+
+GPtr<GdkPixbuf> TrayIconList::paintTile() const
+{
+    return paintBadges(*m_baseIcon, m_iconList);
+}
+
+void TrayIconList::updateBadges()
+{
+    auto tile = paintTile();
+    if (m_showTile)
+        m_showTile(*tile);
+}
+
+} // namespace vt
