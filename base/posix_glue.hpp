@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cerrno>
+#include <optional>
 #include <utility>
 
 #include <sys/socket.h>
@@ -82,5 +83,20 @@ inline bool writeAll(int fd, const void* bytes, size_t length, bool toSocket = f
     }
     return true;
 }
+
+// The process at the other end of a connected Unix-domain socket, as it was
+// when it connected; empty (errno set) when the system cannot tell.
+inline std::optional<ucred> peerCredentials(int fd)
+{
+    ucred peer {};
+    socklen_t length = sizeof peer;
+    if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0)
+        return std::nullopt;
+    return peer;
+}
+
+// Whether a peer runs as this process's user. The launcher's sockets take
+// no one else: what a peer sends acts on the launcher, that is as this user.
+inline bool isThisUser(const ucred& peer) noexcept { return peer.uid == ::getuid(); }
 
 } // namespace vt

@@ -62,11 +62,15 @@ public:
     // with a one-second timeout until stop().
     void monitorFeedbackSocket();
 
-    // Stops the watcher, closes the socket and removes its file. Messages
-    // not yet applied are dropped. Main thread; idempotent.
+    // Stops the watcher (a sender that stalls mid-message holds it for up to
+    // its two-second receive time-out), closes the socket and removes its
+    // file. Messages not yet applied are dropped. Main thread; idempotent.
     void stop();
 
 private:
+    // One message on the main thread: its operation, then the redraw.
+    void apply(uint64_t operation, std::vector<uint8_t>& payload);
+
     TrayMessageReceiver& m_receiver;
     const TrayLayout& m_layout;
     Fd m_launchnotifysocket;

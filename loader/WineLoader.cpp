@@ -25,15 +25,14 @@ namespace {
     // run its program as us.
     bool isPeerThisUser(int fd)
     {
-        ucred peer {};
-        socklen_t length = sizeof peer;
-        if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0) {
+        std::optional<ucred> peer = peerCredentials(fd);
+        if (!peer) {
             platformLog("%s: cannot tell who connected; errno %d", kAcceptName, errno);
             return false;
         }
-        if (peer.uid != ::getuid()) {
+        if (!isThisUser(*peer)) {
             platformLog("%s: refused a connection from uid %u (pid %d): only this user may hand a program over",
-                        kAcceptName, static_cast<unsigned>(peer.uid), static_cast<int>(peer.pid));
+                        kAcceptName, static_cast<unsigned>(peer->uid), static_cast<int>(peer->pid));
             return false;
         }
         return true;

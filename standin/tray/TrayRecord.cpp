@@ -5,7 +5,10 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cmath>
 #include <cstring>
+
+#include "base/posix_glue.hpp"
 
 namespace vt::standin {
 
@@ -29,6 +32,29 @@ TrayPicture solidPicture(uint32_t size, uint32_t rgb, uint32_t bpp)
     picture.colours.assign(size_t(size) * size, rgb);
     picture.transparent.assign(size_t(size) * size, false);
     return picture;
+}
+
+void setTrayMask(TrayPicture& picture, TrayMask mask)
+{
+    picture.transparent.assign(size_t(picture.width) * picture.height, false);
+    const double centreX = picture.width / 2.0, centreY = picture.height / 2.0;
+    for (uint32_t y = 0; y < picture.height; ++y) {
+        for (uint32_t x = 0; x < picture.width; ++x) {
+            bool transparent = false;
+            switch (mask) {
+            case TrayMask::Opaque: break;
+            case TrayMask::Transparent: transparent = true; break;
+            case TrayMask::Checker: transparent = (x + y) % 2 == 1; break;
+            case TrayMask::Ring: {
+                double dx = x + 0.5 - centreX, dy = y + 0.5 - centreY;
+                double distance = std::sqrt(dx * dx + dy * dy);
+                transparent = distance < picture.width / 4.0 || distance > picture.width / 2.0;
+                break;
+            }
+            }
+            picture.transparent[size_t(y) * picture.width + x] = transparent;
+        }
+    }
 }
 
 std::vector<uint8_t> trayMaskBits(const TrayPicture& p)
@@ -105,22 +131,14 @@ bool sendTrayBytes(const std::string& path, const std::vector<uint8_t>& bytes)
 {
     sockaddr_un address {};
     address.sun_family = AF_UNIX;
-    if (path.size() >= sizeof address.sun_path)
+    if (path.size() >= sizeof address.sun_path) {
+        errno = ENAMETOOLONG;
         return false;
-    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
-    int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0)
-        return false;
-    bool sent = ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
-    for (size_t done = 0; sent && done < bytes.size();) {
-        ssize_t n = ::send(fd, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
-        if (n < 0 && errno == EINTR)
-            continue;
-        sent = n > 0;
-        done += sent ? size_t(n) : 0;
     }
-    ::close(fd);
-    return sent;
+    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+    Fd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    return socket && ::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0
+           && writeAll(socket.get(), bytes.data(), bytes.size(), true);
 }
 
 } // namespace vt::standin

@@ -25,6 +25,13 @@ struct TrayPicture {
 // A `size` x `size` picture of one colour, every pixel opaque.
 TrayPicture solidPicture(uint32_t size, uint32_t rgb, uint32_t bpp = 32);
 
+// Which pixels of a picture are see-through: none, all, every other one (a
+// checkerboard, the top-left pixel opaque), or all but a ring (the pixels
+// whose centres lie between a quarter and a half of the width from the
+// picture's centre).
+enum class TrayMask { Opaque, Transparent, Checker, Ring };
+void setTrayMask(TrayPicture& picture, TrayMask mask);
+
 // Mask bits as the Windows side packs them: rows of width / 8 bytes (rounded
 // down), leftmost pixel in the most significant bit, the whole area rounded
 // up to 16 bits.

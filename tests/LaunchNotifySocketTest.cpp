@@ -1,0 +1,398 @@
+// The launch-notify socket over real sockets in this process: what each
+// message does to the tray, every malformed message logged as it stands and
+// harmless to the next, other users refused, and order kept under load.
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+
+#include <atomic>
+#include <cstring>
+#include <map>
+#include <numeric>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "base/MainLoop.hpp"
+#include "integration/LaunchNotifySocket.hpp"
+#include "standin/kit/TestSupport.hpp"
+#include "standin/tray/TrayRecord.hpp"
+
+using namespace vt;
+using namespace vt::test;
+
+namespace {
+
+size_t openDescriptors()
+{
+    size_t count = 0;
+    for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/fd"))
+        ++count;
+    return count;
+}
+
+struct Call {
+    std::string what;
+    std::vector<uint8_t> record;
+    bool onMainThread;
+};
+
+class RecordingReceiver : public TrayMessageReceiver {
+public:
+    void addIconWithData(std::vector<uint8_t>& record) override { note("add", record); }
+    void modifyIconWithData(std::vector<uint8_t>& record) override { note("modify", record); }
+    void deleteIconWithData(std::vector<uint8_t>& record) override { note("delete", record); }
+    void updateBadges() override { note("badges", {}); }
+
+    std::vector<std::string> whats() const
+    {
+        std::vector<std::string> names;
+        for (const auto& call : calls)
+            names.push_back(call.what);
+        return names;
+    }
+    std::vector<Call> calls;
+
+private:
+    void note(const char* what, const std::vector<uint8_t>& record) { calls.push_back({ what, record, isMainThread() }); }
+};
+
+using Bytes = std::vector<uint8_t>;
+
+Bytes record(int32_t hwnd, int32_t id, const TrayLayout& layout = kNativeTrayLayout)
+{
+    return standin::trayRecord(layout, hwnd, id, 0x400, standin::solidPicture(4, 0x123456));
+}
+
+Bytes message(uint64_t operation, const Bytes& payload, uint32_t code = kTrayMessageCode)
+{
+    return standin::trayMessage(kNativeTrayLayout, operation, payload, code);
+}
+
+// A message whose length field says `length`, with nothing after it.
+Bytes claiming(uint32_t length)
+{
+    Bytes bytes = message(kTrayOperationAdd, {});
+    std::memcpy(bytes.data() + 4 + kNativeTrayLayout.operationWidth, &length, sizeof length);
+    return bytes;
+}
+
+sockaddr_un addressOf(const std::string& path)
+{
+    sockaddr_un address {};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+    return address;
+}
+
+int32_t field(const Bytes& record, size_t offset)
+{
+    int32_t value = 0;
+    std::memcpy(&value, record.data() + offset, sizeof value);
+    return value;
+}
+
+class LaunchNotifySocketTest : public testing::Test {
+protected:
+    void SetUp() override { ASSERT_TRUE(socket.startLaunchNotify(dir.path())); }
+
+    // Sends `bytes` on a connection of their own and takes them in on this
+    // thread; the sender writes from another, as a large message fills the
+    // socket's buffer before it is read.
+    void deliver(const Bytes& bytes, LaunchNotifySocket& to)
+    {
+        std::atomic<bool> sent = false;
+        std::thread sender([&] { sent = standin::sendTrayBytes(to.launchNotifySocketName(), bytes); });
+        EXPECT_TRUE(to.checkNotificationSocket({ 5, 0 }));
+        sender.join();
+        EXPECT_TRUE(sent);
+    }
+    void deliver(const Bytes& bytes) { deliver(bytes, socket); }
+
+    bool callsReach(size_t count, std::chrono::milliseconds timeout = 10s)
+    {
+        return waitUntil([&] { return receiver.calls.size() >= count; }, timeout);
+    }
+
+    bool logged(const std::string& text) const { return log.text().find(text) != std::string::npos; }
+
+    StderrCapture log;
+    TempDir dir;
+    RecordingReceiver receiver;
+    LaunchNotifySocket socket { receiver };
+};
+
+const std::string kUnexpected = "Got an unexpected response from the launchnotifysocket.  ";
+
+} // namespace
+
+TEST_F(LaunchNotifySocketTest, EachOperationIsAppliedOnTheMainThreadInOrderThenRedrawn)
+{
+    socket.monitorFeedbackSocket();
+    const Bytes added = record(1, 1), modified = record(1, 2), deleted = record(3, 3);
+    for (const auto& [operation, payload] : { std::pair { kTrayOperationAdd, added },
+                                              std::pair { kTrayOperationModify, modified },
+                                              std::pair { kTrayOperationDelete, deleted } })
+        ASSERT_TRUE(standin::sendTrayBytes(socket.launchNotifySocketName(), message(operation, payload)));
+
+    ASSERT_TRUE(callsReach(6));
+    EXPECT_EQ(receiver.whats(), (std::vector<std::string> { "add", "badges", "modify", "badges", "delete", "badges" }));
+    EXPECT_EQ(receiver.calls[0].record, added);
+    EXPECT_EQ(receiver.calls[2].record, modified);
+    EXPECT_EQ(receiver.calls[4].record, deleted);
+    for (const auto& call : receiver.calls)
+        EXPECT_TRUE(call.onMainThread) << call.what;
+}
+
+TEST_F(LaunchNotifySocketTest, MalformedMessagesAreLoggedAsTheyStandAndTheNextOneWorks)
+{
+    Bytes shortLength = message(kTrayOperationAdd, {});
+    shortLength.resize(shortLength.size() - 2);
+    Bytes shortPayload = message(kTrayOperationAdd, Bytes(100, 0xAB));
+    shortPayload.resize(shortPayload.size() - 60);
+    Bytes zeroFilledTail(100, 0);
+    std::fill_n(zeroFilledTail.begin(), 40, 0xAB);
+    const size_t limit = kNativeTrayLayout.payloadLimit();
+    const Bytes largest(limit, 0x5A);
+
+    struct Case {
+        const char* name;
+        Bytes bytes;
+        std::vector<std::string> logged;
+        std::vector<std::string> calls;
+        Bytes record = {};
+    };
+    const Case cases[] = {
+        { "nothing sent", {}, { kUnexpected + "Not enough data.\n", kUnexpected + "Read message 0.\n" }, {} },
+        { "short code", { 0x4B, 0x00 }, { kUnexpected + "Not enough data.\n", kUnexpected + "Read message 4b.\n" }, {} },
+        { "wrong code", message(kTrayOperationAdd, record(1, 1), 0x1234), { kUnexpected + "Read message 1234.\n" }, {} },
+        { "short length", shortLength, { kUnexpected + "Not enough data.  readbytes: 2  errno: 0\n" },
+          { "add", "badges" } },
+        { "short payload", shortPayload, { kUnexpected + "Not enough data.  readbytes: 40  errno: 0\n" },
+          { "add", "badges" }, zeroFilledTail },
+        { "unknown operation", message(7, record(1, 1)), { "Unknown systray message: 7\n" }, { "badges" } },
+        { "huge length", claiming(UINT32_MAX),
+          { kUnexpected + "Payload of 4294967295 bytes is beyond the limit of " + std::to_string(limit) + " bytes.\n" },
+          {} },
+        { "just too long", claiming(uint32_t(limit + 1)),
+          { kUnexpected + "Payload of " + std::to_string(limit + 1) + " bytes is beyond the limit of " }, {} },
+        { "the longest", message(kTrayOperationModify, largest), {}, { "modify", "badges" }, largest },
+    };
+    const Bytes next = record(9, 9);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        receiver.calls.clear();
+        size_t logStart = log.text().size();
+        deliver(c.bytes);
+        deliver(message(kTrayOperationDelete, next));
+        ASSERT_TRUE(callsReach(c.calls.size() + 2));
+
+        std::vector<std::string> expected = c.calls;
+        expected.insert(expected.end(), { "delete", "badges" });
+        EXPECT_EQ(receiver.whats(), expected);
+        if (!c.calls.empty() && c.calls[0] != "badges") {
+            EXPECT_EQ(receiver.calls[0].record, c.record);
+        }
+        EXPECT_EQ(receiver.calls[c.calls.size()].record, next);
+
+        std::string text = log.text().substr(logStart);
+        size_t at = 0;
+        for (const auto& line : c.logged) {
+            at = text.find(line, at);
+            EXPECT_NE(at, std::string::npos) << line << "\nin:\n" << text;
+        }
+        if (c.logged.empty()) {
+            EXPECT_EQ(text, "");
+        }
+    }
+}
+
+TEST_F(LaunchNotifySocketTest, AThirtyTwoBitSendersMessageIsReadByTheThirtyTwoBitLayout)
+{
+    TempDir other;
+    LaunchNotifySocket socket32(receiver, kTrayLayout32);
+    ASSERT_TRUE(socket32.startLaunchNotify(other.path()));
+    const Bytes record32 = record(7, 8, kTrayLayout32);
+    Bytes bytes = standin::trayMessage(kTrayLayout32, kTrayOperationModify, record32);
+    ASSERT_EQ(bytes.size(), 12 + record32.size()) << "the operation is 4 bytes wide";
+    deliver(bytes, socket32);
+    deliver(standin::trayMessage(kTrayLayout32, 7, {}), socket32);
+    ASSERT_TRUE(callsReach(3));
+    EXPECT_EQ(receiver.whats(), (std::vector<std::string> { "modify", "badges", "badges" }));
+    EXPECT_EQ(receiver.calls[0].record, record32);
+    EXPECT_TRUE(logged("Unknown systray message: 7\n"));
+}
+
+TEST_F(LaunchNotifySocketTest, ListensOnceAndRefusesAPathThatDoesNotFitAnAddress)
+{
+    const std::string name = socket.launchNotifySocketName();
+    EXPECT_EQ(std::filesystem::path(name).parent_path(), dir.path());
+    EXPECT_EQ(std::filesystem::path(name).filename().string().rfind("systray-", 0), 0u);
+    EXPECT_TRUE(std::filesystem::is_socket(name));
+    EXPECT_TRUE(socket.startLaunchNotify(dir.path()));
+    EXPECT_EQ(socket.launchNotifySocketName(), name);
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path()), {}), 1);
+
+    const std::filesystem::path deep = dir / std::string(100, 'd');
+    std::filesystem::create_directories(deep);
+    const size_t descriptors = openDescriptors();
+    LaunchNotifySocket other(receiver);
+    EXPECT_FALSE(other.startLaunchNotify(deep));
+    EXPECT_TRUE(logged("Cannot bind.  errno = " + std::to_string(ENAMETOOLONG) + ".\n"));
+    EXPECT_EQ(other.launchNotifySocketName(), "");
+    EXPECT_TRUE(std::filesystem::is_empty(deep));
+    EXPECT_EQ(openDescriptors(), descriptors);
+
+    // The next call tries again.
+    std::filesystem::create_directories(dir / "short");
+    EXPECT_TRUE(other.startLaunchNotify(dir / "short"));
+}
+
+TEST_F(LaunchNotifySocketTest, AWatcherStartedBeforeTheSocketTakesItUpWhenItIsMade)
+{
+    TempDir other;
+    LaunchNotifySocket later(receiver);
+    later.monitorFeedbackSocket();
+    ASSERT_TRUE(later.startLaunchNotify(other.path()));
+    ASSERT_TRUE(standin::sendTrayBytes(later.launchNotifySocketName(), message(kTrayOperationAdd, record(1, 1))));
+    ASSERT_TRUE(callsReach(2));
+    EXPECT_EQ(receiver.whats(), (std::vector<std::string> { "add", "badges" }));
+}
+
+TEST_F(LaunchNotifySocketTest, AnotherUserIsRefusedBeforeAnythingIsRead)
+{
+    if (::getuid() != 0)
+        GTEST_SKIP() << "needs root to become another user";
+    // The launcher's directory keeps other users out by its mode; this one
+    // lets them reach the socket, so the check behind it is what is seen.
+    ::chmod(dir.path().c_str(), 0755);
+    ::chmod(socket.launchNotifySocketName().c_str(), 0777);
+    const sockaddr_un address = addressOf(socket.launchNotifySocketName());
+    const Bytes bytes = message(kTrayOperationAdd, record(1, 1));
+    pid_t child = ::fork();
+    if (child == 0) {
+        if (::setgid(65534) != 0 || ::setuid(65534) != 0)
+            ::_exit(2);
+        int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
+            ::_exit(3);
+        // The launcher may have closed already: it reads nothing of ours.
+        writeAll(fd, bytes.data(), bytes.size(), true);
+        ::_exit(0);
+    }
+    EXPECT_TRUE(socket.checkNotificationSocket({ 5, 0 }));
+    int status = 0;
+    ASSERT_TRUE(waitUntil([&] { return ::waitpid(child, &status, WNOHANG) == child; }));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+    EXPECT_TRUE(logged("Refused a connection to the launchnotifysocket from uid 65534 (pid " + std::to_string(child)
+                       + "): only this user may change the tray icons.\n"));
+
+    deliver(message(kTrayOperationDelete, record(2, 2)));
+    ASSERT_TRUE(callsReach(2));
+    EXPECT_EQ(receiver.whats(), (std::vector<std::string> { "delete", "badges" }));
+}
+
+TEST_F(LaunchNotifySocketTest, ASenderThatNeverWritesDoesNotHoldTheWatcher)
+{
+    socket.monitorFeedbackSocket();
+    Fd silent(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const sockaddr_un address = addressOf(socket.launchNotifySocketName());
+    ASSERT_EQ(::connect(silent.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+
+    ASSERT_TRUE(standin::sendTrayBytes(socket.launchNotifySocketName(), message(kTrayOperationAdd, record(1, 1))));
+    ASSERT_TRUE(callsReach(2, 15s));
+    EXPECT_EQ(receiver.whats(), (std::vector<std::string> { "add", "badges" }));
+    EXPECT_TRUE(logged(kUnexpected + "Not enough data.\n"));
+    EXPECT_TRUE(logged(kUnexpected + "Read message 0.\n"));
+}
+
+TEST_F(LaunchNotifySocketTest, AThousandMessagesFromTwentySendersAreAllAppliedEachInItsOrder)
+{
+    constexpr int kSenders = 20, kEach = 50;
+    socket.monitorFeedbackSocket();
+    std::atomic<int> failures = 0;
+    std::vector<std::thread> senders;
+    for (int sender = 0; sender < kSenders; ++sender) {
+        senders.emplace_back([&, sender] {
+            for (int sequence = 0; sequence < kEach; ++sequence) {
+                if (!standin::sendTrayBytes(socket.launchNotifySocketName(),
+                                            message(kTrayOperationAdd, record(sender, sequence))))
+                    ++failures;
+            }
+        });
+    }
+    // The watcher waits for this thread once enough messages are in
+    // flight, so the main loop runs while the senders send.
+    EXPECT_TRUE(callsReach(2 * kSenders * kEach, 60s));
+    for (auto& sender : senders)
+        sender.join();
+    EXPECT_EQ(failures, 0);
+
+    std::map<int32_t, std::vector<int32_t>> sequences;
+    for (size_t i = 0; i < receiver.calls.size(); i += 2) {
+        ASSERT_EQ(receiver.calls[i].what, "add");
+        ASSERT_EQ(receiver.calls[i + 1].what, "badges");
+        const Bytes& r = receiver.calls[i].record;
+        sequences[field(r, kNativeTrayLayout.hwndOffset)].push_back(field(r, kNativeTrayLayout.idOffset));
+    }
+    std::vector<int32_t> inOrder(kEach);
+    std::iota(inOrder.begin(), inOrder.end(), 0);
+    ASSERT_EQ(sequences.size(), size_t(kSenders));
+    for (const auto& [sender, sequence] : sequences)
+        EXPECT_EQ(sequence, inOrder) << "sender " << sender;
+}
+
+TEST_F(LaunchNotifySocketTest, MalformedMessagesLeaveNoDescriptorAndStopRemovesTheFile)
+{
+    // Warm up what the first messages allocate for good (the main loop's
+    // wake-up, the log's file), so the counts compare like with like.
+    socket.monitorFeedbackSocket();
+    ASSERT_TRUE(standin::sendTrayBytes(socket.launchNotifySocketName(), message(kTrayOperationAdd, record(1, 1))));
+    ASSERT_TRUE(callsReach(2));
+    const size_t before = openDescriptors();
+
+    TempDir other;
+    auto watched = std::make_unique<LaunchNotifySocket>(receiver);
+    ASSERT_TRUE(watched->startLaunchNotify(other.path()));
+    watched->monitorFeedbackSocket();
+    const std::string path = watched->launchNotifySocketName();
+    Bytes cut = message(kTrayOperationAdd, record(1, 1));
+    cut.resize(30);
+    for (int round = 0; round < 20; ++round) {
+        for (const Bytes& bytes : { Bytes {}, message(kTrayOperationAdd, {}, 75), claiming(UINT32_MAX), cut })
+            ASSERT_TRUE(standin::sendTrayBytes(path, bytes));
+    }
+    ASSERT_TRUE(standin::sendTrayBytes(path, message(kTrayOperationDelete, record(1, 1))));
+    ASSERT_TRUE(waitUntil([&] { return receiver.calls.size() >= 2 + 2 * 20 + 2 && receiver.calls.back().what == "badges"
+                                       && receiver.calls[receiver.calls.size() - 2].what == "delete"; }));
+
+    watched->stop();
+    EXPECT_FALSE(std::filesystem::exists(path));
+    EXPECT_EQ(watched->launchNotifySocketName(), "");
+    watched->stop();
+    watched.reset();
+    EXPECT_EQ(openDescriptors(), before);
+}
+
+TEST_F(LaunchNotifySocketTest, TheStandInTraySenderWritesWhatTheWindowsSideWould)
+{
+    socket.monitorFeedbackSocket();
+    const std::string sender = VT_STANDIN_DIR "/vt-standin-traysender";
+    TestProcess run({ sender, "modify", "--hwnd", "5", "--id", "9", "--size", "8", "--colour", "00ff00", "--mask",
+                      "checker", "--count", "2" },
+                    environmentWith({ { "VT_SYSTRAY_SOCKET", socket.launchNotifySocketName() } }));
+    EXPECT_EQ(run.waitForExit(), 0);
+    ASSERT_TRUE(callsReach(4));
+    standin::TrayPicture picture = standin::solidPicture(8, 0x00ff00);
+    standin::setTrayMask(picture, standin::TrayMask::Checker);
+    const Bytes expected = standin::trayRecord(kNativeTrayLayout, 5, 9, 0x400, picture);
+    EXPECT_EQ(receiver.whats(), (std::vector<std::string> { "modify", "badges", "modify", "badges" }));
+    EXPECT_EQ(receiver.calls[0].record, expected);
+    EXPECT_EQ(receiver.calls[2].record, expected);
+
+    TestProcess lost({ sender, "add", "--socket", (dir / "nobody").string() }, environmentWith({}),
+                     ProcessSetup { {}, true });
+    EXPECT_EQ(lost.waitForExit(), 1);
+    EXPECT_NE(lost.standardError().find("vt-standin-traysender: cannot send message 1 to"), std::string::npos)
+        << lost.standardError();
+}
