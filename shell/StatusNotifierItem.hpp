@@ -6,7 +6,8 @@
 //
 // The item is served from a thread of its own, so that the desktop can read
 // it (its tooltip says what start-up waits for) while the main thread is
-// blocked in a start-up wait.
+// blocked in a start-up wait. It uses the process's shared session-bus
+// connection and drops every reference to it when it goes away.
 #pragma once
 
 #include <functional>
@@ -32,9 +33,13 @@ public:
         std::function<void(const std::string& action)> menuAction;
     };
 
-    // Exported on the session bus at once. `id` and `title` are the item's
-    // Id and Title (Title is also the tooltip until setToolTip); the pixmap is
-    // `icon` (128 x 128) until setIcon. Main thread.
+    // Exported on the session bus at once: the object and its (empty) menu
+    // are there when this returns; the bus name and the registration follow
+    // from the item's thread. `id` and `title` are the item's Id and Title
+    // (Title is also the tooltip until setToolTip); the pixmap is `icon`
+    // (scaled to 128 x 128 when it has another size) until setIcon. Throws
+    // std::runtime_error without a session bus or when the object cannot be
+    // exported (another item in this process). Main thread.
     StatusNotifierItem(std::string id, std::string title, const GdkPixbuf& icon, Callbacks callbacks);
     ~StatusNotifierItem();
     StatusNotifierItem(const StatusNotifierItem&) = delete;
@@ -44,12 +49,15 @@ public:
     std::string busName() const;
 
     // The item's IconPixmap becomes `tile` (ARGB32, network byte order, not
-    // premultiplied), then NewIcon. Any thread.
+    // premultiplied; scaled to 128 x 128 when it has another size), then
+    // NewIcon. `tile` is RGB or RGBA with 8-bit samples. Any thread.
     void setIcon(const GdkPixbuf& tile);
     // The tooltip's title, then NewToolTip. Any thread.
     void setToolTip(const std::string& text);
     // The menu exported as the item's Menu; items without an action are shown
-    // and do nothing. Any thread.
+    // and do nothing. Items are numbered in order, so the same menu keeps its
+    // item ids. Takes effect on the main thread: at once there, otherwise
+    // when the main loop next runs. Any thread.
     void setMenu(const Menu& menu);
 
 private:
