@@ -38,13 +38,13 @@ int main(int argc, char** argv)
                                  { "XDG_CONFIG_HOME", (w.dir / "config").string() },
                                  { "XDG_CACHE_HOME", (w.dir / "cache").string() } };
     std::filesystem::create_directories(w.dir / "home");
-    TestProcess panel({ "xfce4-panel", "--disable-wm-check" }, w.environment(desktop), { w.dir, true });
+    TestProcess panel({ "/usr/bin/xfce4-panel", "--disable-wm-check" }, w.environment(desktop), { w.dir.path(), true });
     if (!waitUntil([&] { return w.bus.hasOwner("org.kde.StatusNotifierWatcher"); }, 20s))
         return fail("the panel's status tray did not come up:\n" + panel.standardError(), w);
     for (const char* setting : { "/panels/panel-1/size=64", "/panels/panel-1/icon-size=0" }) {
         std::string text = setting;
         auto equals = text.find('=');
-        TestProcess query({ "xfconf-query", "-c", "xfce4-panel", "-p", text.substr(0, equals), "-n", "-t", "uint",
+        TestProcess query({ "/usr/bin/xfconf-query", "-c", "xfce4-panel", "-p", text.substr(0, equals), "-n", "-t", "uint",
                             "-s", text.substr(equals + 1) },
                           w.environment(desktop));
         query.waitForExit();

@@ -84,13 +84,17 @@ TEST_F(LauncherProgram, UntitledStartRunsTheMenuEntryWithExactArgumentsAndEnviro
     EXPECT_EQ(menu.argv.at(0), (w.mainApp / "Contents/SharedSupport/Vantor/bin/vtmenu").string());
     EXPECT_EQ(menu.arguments(), (Strings { "--bottle", "Office", "--wait-children", "--enable-alt-loader", "macdrv",
                                            "--start", "Programs/Notepad.lnk" }));
-    // The loader's socket, in a directory only this user can enter.
+    // The loader's and the tray's sockets, in one directory only this user can enter.
     std::filesystem::path loaderSocket = menu.environment["VT_APPRUNNER_ALT_LOADER_SOCKET"];
+    std::filesystem::path traySocket = menu.environment["VT_SYSTRAY_SOCKET"];
     EXPECT_EQ(std::filesystem::status(loaderSocket.parent_path()).permissions(), std::filesystem::perms::owner_all);
+    EXPECT_EQ(traySocket.parent_path(), loaderSocket.parent_path());
+    EXPECT_TRUE(std::filesystem::is_socket(traySocket));
     auto expected = w.serverDictionary;
     expected["VT_WINDOW_TAG"] = std::to_string(launcher.pid());
     expected["VT_LAUNCHER_BUNDLE_NAME"] = "Notepad";
     expected["VT_APPRUNNER_ALT_LOADER_SOCKET"] = loaderSocket;
+    expected["VT_SYSTRAY_SOCKET"] = traySocket;
     EXPECT_EQ(menu.environment, expected);
     EXPECT_EQ(wine.environment, expected);
     EXPECT_EQ(menu.standardInput, "null");

@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include "integration/TrayIconList.hpp"
 #include "standin/kit/StandinWorld.hpp"
 #include "standin/kit/StatusNotifierWatcher.hpp"
 #include "standin/tray/TrayRecord.hpp"
@@ -68,6 +69,8 @@ protected:
         socket = w.records.tools("vtmenu").at(0).environment["VT_SYSTRAY_SOCKET"];
         EXPECT_FALSE(socket.empty());
         EXPECT_TRUE(watcher.waitForRegistration()) << w.launcherLog();
+        // The launch's own activation has asked for windows.
+        EXPECT_TRUE(w.records.waitFor("request", 1));
         return launcher;
     }
 
