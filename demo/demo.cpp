@@ -55,9 +55,12 @@ void showTool(const ToolRecord& record, const std::string& tag)
         + ", working directory " + record.directory);
     auto loader = record.environment.find("VT_APPRUNNER_ALT_LOADER_SOCKET");
     bool hasLoader = loader != record.environment.end();
+    bool hasTray = record.environment.count("VT_SYSTRAY_SOCKET") != 0;
     say("       VT_WINDOW_TAG=" + record.environment.at("VT_WINDOW_TAG") + " (the launcher is " + tag
         + "), VT_LAUNCHER_BUNDLE_NAME=" + record.environment.at("VT_LAUNCHER_BUNDLE_NAME") + ", "
-        + std::to_string(record.environment.size() - 2 - hasLoader) + " more from the helper server");
+        + std::to_string(record.environment.size() - 2 - hasLoader - hasTray) + " more from the helper server");
+    if (hasTray)
+        say("       VT_SYSTRAY_SOCKET=" + record.environment.at("VT_SYSTRAY_SOCKET"));
     if (hasLoader)
         say("       VT_APPRUNNER_ALT_LOADER_SOCKET=" + loader->second);
 }
@@ -145,10 +148,9 @@ int main()
         + "\", tooltip \"" + watcher.toolTipText() + "\"");
     say("     tile before: " + saveTile(watcher, tiles, "tile-0"));
     std::string traySocket = menu.environment.at("VT_SYSTRAY_SOCKET");
-    say("     VT_SYSTRAY_SOCKET=" + traySocket);
     const std::vector<std::vector<std::string>> icons {
         { "add", "--hwnd", "65636", "--id", "1", "--size", "16", "--colour", "d83b01", "--mask", "ring" },
-        { "add", "--hwnd", "65640", "--id", "1", "--size", "32", "--colour", "2b88d8", "--mask", "checker" },
+        { "add", "--hwnd", "65640", "--id", "1", "--size", "32", "--colour", "2b88d8", "--mask", "opaque" },
     };
     for (size_t i = 0; i < icons.size(); ++i) {
         unsigned seen = watcher.signalCount("NewIcon");
