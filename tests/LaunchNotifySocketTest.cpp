@@ -23,14 +23,6 @@ using namespace vt::test;
 
 namespace {
 
-size_t openDescriptors()
-{
-    size_t count = 0;
-    for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/fd"))
-        ++count;
-    return count;
-}
-
 struct Call {
     std::string what;
     std::vector<uint8_t> record;

@@ -27,14 +27,6 @@ using namespace std::string_literals;
 
 namespace {
 
-size_t openDescriptors()
-{
-    size_t count = 0;
-    for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/fd"))
-        ++count;
-    return count;
-}
-
 std::string bytes(uint64_t value) { return std::string(reinterpret_cast<const char*>(&value), sizeof value); }
 
 class WineLoaderTest : public testing::Test {

@@ -239,6 +239,14 @@ bool terminateAndWait(pid_t pid, std::chrono::milliseconds timeout)
     return waitUntil([&ended] { return ended; }, timeout);
 }
 
+size_t openDescriptors()
+{
+    size_t count = 0;
+    for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/fd"))
+        ++count;
+    return count;
+}
+
 bool waitUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout)
 {
     bool timedOut = false;

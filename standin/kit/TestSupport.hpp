@@ -129,6 +129,9 @@ private:
 // has ended; a zombie that its parent has yet to reap counts as ended.
 bool terminateAndWait(pid_t pid, std::chrono::milliseconds timeout = 10s);
 
+// How many descriptors this process has open now.
+size_t openDescriptors();
+
 // Iterates the default main context until `done` holds; false after
 // `timeout`. Records, descriptor watches and child watches wake the loop;
 // conditions that nothing wakes (a bus name, another process's files) are
