@@ -1,0 +1,63 @@
+// The product's file operations beyond the standard library's: a private
+// file manager per caller, directory creation that treats the well-known
+// system folders specially, same-file and containment tests that see through
+// symbolic links (device and inode, as GIO's file id gives them), the XDG
+// trash, bookmarks, making a tree writable, pruning empty folders, and
+// clearing what a desktop records about where a download came from.
+#pragma once
+
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace vt {
+
+// What a caller may be asked while the file manager works; every answer
+// defaults to going on. A caller's delegate concerns only its own manager.
+class FileManagerDelegate {
+public:
+    virtual ~FileManagerDelegate() = default;
+};
+
+// Attributes of a directory to create; POSIX permissions when set.
+struct FileAttributes {
+    std::optional<std::filesystem::perms> posixPermissions;
+};
+
+class FileManager {
+public:
+    // A new manager each call, never a shared one.
+    static std::unique_ptr<FileManager> vt_fileManagerWithDelegate(FileManagerDelegate* delegate);
+    static std::unique_ptr<FileManager> vt_fileManager();
+
+    // The well-known folders of the user and the system (see the .cpp for the
+    // sixteen kinds and what each is on Linux); built once per process.
+    static const std::set<std::string>& systemPaths();
+
+    FileManagerDelegate* delegate() const { return m_delegate; }
+
+    bool createDirectoryAtPath(const std::string& path, std::optional<FileAttributes> attributes, bool recursively);
+    bool isSameFile(const std::optional<std::string>& path, const std::optional<std::string>& other);
+    bool isFile(const std::optional<std::string>& file, const std::optional<std::string>& directory);
+    std::string getDisplayStringForPath(const std::string& path);
+    std::optional<std::string> temporaryPathFromTemplate(const std::string& templateName);
+    std::optional<std::vector<uint8_t>> bookmarkDataFromPath(const std::string& path);
+    std::optional<std::string> pathFromBookmarkData(const std::vector<uint8_t>& data, bool* stale);
+    bool makeWritableAtPath(const std::string& path, bool recursively);
+    void removeFolderIfEmpty(const std::string& folder, const std::string& limit);
+    bool isFileInTrash(const std::string& path);
+    std::optional<std::string> trashForFile(const std::optional<std::string>& path);
+    bool copyAndClearQuarantineItemAtPath(const std::string& source, const std::string& destination,
+                                          std::string* error);
+    void clearQuarantine(const std::string& path);
+
+private:
+    explicit FileManager(FileManagerDelegate* delegate) : m_delegate(delegate) {}
+    FileManagerDelegate* m_delegate = nullptr;
+};
+
+} // namespace vt
