@@ -248,12 +248,6 @@ bool VTFBHelperDelegate::startLaunchNotify()
     return m_launchNotify && directory && m_launchNotify->startLaunchNotify(*directory);
 }
 
-const std::string& VTFBHelperDelegate::launchNotifySocketName() const
-{
-    static const std::string none;
-    return m_launchNotify ? m_launchNotify->launchNotifySocketName() : none;
-}
-
 const std::vector<TrayIconEntry>& VTFBHelperDelegate::iconList() const
 {
     static const std::vector<TrayIconEntry> none;

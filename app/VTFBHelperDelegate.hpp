@@ -54,7 +54,6 @@ public:
 
     // Sets up the launch-notify socket on first use; answers whether it is usable.
     bool startLaunchNotify();
-    const std::string& launchNotifySocketName() const;
     // The tray icons as the Windows side has announced them; empty before start-up.
     const std::vector<TrayIconEntry>& iconList() const;
 
