@@ -34,11 +34,30 @@ public:
     static std::unique_ptr<FileManager> vt_fileManagerWithDelegate(FileManagerDelegate* delegate);
     static std::unique_ptr<FileManager> vt_fileManager();
 
-    // The well-known folders of the user and the system (see the .cpp for the
-    // sixteen kinds and what each is on Linux); built once per process.
+    // The well-known folders of the user and the system, built once per
+    // process. The sixteen kinds of folder the set is made of, each in the
+    // user's, the local and the system's domain, are on Linux:
+    //   applications, all applications:  $XDG_DATA_HOME/applications,
+    //       /usr/local/share/applications, /usr/share/applications
+    //   library, all libraries, application support:  $XDG_DATA_HOME,
+    //       /usr/local/share, /usr/share
+    //   documentation:  /usr/local/share/doc, /usr/share/doc
+    //   user home folders:  the folder that holds the home folder (/home)
+    //   documents, desktop, downloads:  the XDG user directories, when set
+    //       and not the home folder itself
+    //   caches:  $XDG_CACHE_HOME, /var/cache
+    //   demo, developer and administration applications, developer, core
+    //       services:  nothing; Linux has no such folders.
     static const std::set<std::string>& systemPaths();
 
     FileManagerDelegate* delegate() const { return m_delegate; }
+
+    // Bookmark data on Linux is the item's path with its device and inode.
+    // Resolving it answers the path while it still holds that inode; an item
+    // renamed within its folder is found there again by its inode (stale is
+    // then set), an item replaced by another at the same path gives the path
+    // with stale set, and an item gone gives nil. An item in the trash,
+    // including one moved there after the bookmark was made, gives nil.
 
     bool createDirectoryAtPath(const std::string& path, std::optional<FileAttributes> attributes, bool recursively);
     bool isSameFile(const std::optional<std::string>& path, const std::optional<std::string>& other);
@@ -55,9 +74,17 @@ public:
                                           std::string* error);
     void clearQuarantine(const std::string& path);
 
+    // A manager that takes `paths` for the system paths instead of the
+    // process's own folders, so that their rules can be tried in a scratch
+    // tree.
+    static std::unique_ptr<FileManager> fileManagerWithSystemPaths(std::set<std::string> paths);
+
 private:
     explicit FileManager(FileManagerDelegate* delegate) : m_delegate(delegate) {}
+    const std::set<std::string>& currentSystemPaths() const;
+
     FileManagerDelegate* m_delegate = nullptr;
+    std::optional<std::set<std::string>> m_systemPaths;
 };
 
 } // namespace vt
