@@ -91,7 +91,11 @@ void VTFBHelperDelegate::showStatusItem()
             },
         });
     } catch (const std::exception& error) {
-        platformLog("The launcher has no icon in the status area: %s", error.what());
+        // Without a session bus that has been said already.
+        if (m_application.hasSessionBus())
+            platformLog("The launcher has no icon in the status area: %s", error.what());
+        else
+            VTLog("no icon in the status area: %s", error.what());
     }
     m_trayIcons = std::make_unique<TrayIconList>(std::move(icon), [this](const GdkPixbuf& tile) {
         if (m_statusItem)

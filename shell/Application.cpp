@@ -420,14 +420,35 @@ int Application::run(int argc, char** argv)
     signal(SIGPIPE, SIG_IGN);
 
     std::vector<std::string> arguments(argv + std::min(argc, 1), argv + argc);
-    if (auto bundlePath = VTBundle::mainBundlePathFromExecutable(argc > 0 ? argv[0] : nullptr))
-        setMainBundle(VTBundle::bundleWithPath(*bundlePath));
-    if (!m_mainBundle) {
-        platformLog("vtlauncher must run from a launcher bundle (<bundle>/Contents/MacOS/<name>)");
-        m_mainMenu = defaultMenu();
+    // Everything the launcher does comes from its bundle: without one it
+    // says so in one line and ends at once.
+    auto bundlePath = VTBundle::mainBundlePathFromExecutable(argc > 0 ? argv[0] : nullptr);
+    if (!bundlePath) {
+        platformLog("vtlauncher must run from a launcher bundle (<bundle>/Contents/MacOS/<name>); %s is not in one",
+                    argc > 0 && argv[0] ? argv[0] : "it");
+        return 1;
     }
+    std::string problem;
+    std::unique_ptr<VTBundle> bundle = VTBundle::bundleWithPath(*bundlePath, &problem);
+    if (!bundle) {
+        platformLog("%@ cannot be used: %@; the launcher cannot run without it",
+                    *bundlePath / "Contents" / "Info.plist", problem);
+        return 1;
+    }
+    setMainBundle(std::move(bundle));
 
-    registerWithSessionBus(m_mainBundle ? m_mainBundle->bundleIdentifier() : std::nullopt);
+    // Without a session bus the launcher finds no helper server and shows no
+    // icon; say why at once, before the attempts that follow.
+    // (The connection is held until the application has registered on it,
+    // so that it is made once.)
+    GErrorHolder busError;
+    GPtr<GDBusConnection> bus = adopt(g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, busError));
+    m_hasSessionBus = bus != nullptr;
+    if (!m_hasSessionBus)
+        platformLog("no D-Bus session bus: %@", busError.message());
+
+    registerWithSessionBus(m_hasSessionBus ? m_mainBundle->bundleIdentifier() : std::nullopt);
+    bus.reset();
     std::filesystem::path workingDirectory = std::filesystem::current_path();
     if (g_application_get_is_remote(m_gapplication.get())) {
         // Another launcher of this bundle runs: hand the opening over to it.

@@ -126,6 +126,9 @@ public:
 
     Menu& mainMenu() { return m_mainMenu; }
 
+    // Whether the session bus could be reached when the launcher started.
+    bool hasSessionBus() const { return m_hasSessionBus; }
+
     // Calls scheduled with the application as their target.
     DelayedCalls& delayedCalls() { return m_delayedCalls; }
 
@@ -174,6 +177,7 @@ private:
     bool m_awaitingTerminateReply = false;
     bool m_active = false;
     bool m_hidden = false;
+    bool m_hasSessionBus = true;
     MainQueueToken m_mainQueue;
 };
 

@@ -1,5 +1,7 @@
 #include "source/PropertyList.hpp"
 
+#include <cstring>
+
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
@@ -172,18 +174,28 @@ std::optional<PlistValue> parsePropertyList(const void* bytes, size_t length)
     return fromNode(root.get());
 }
 
-std::optional<PlistValue> readPropertyListFile(const std::filesystem::path& path)
+std::optional<PlistValue> readPropertyListFile(const std::filesystem::path& path, std::string* problem)
 {
+    auto refuse = [problem](std::string why) -> std::optional<PlistValue> {
+        if (problem)
+            *problem = std::move(why);
+        return std::nullopt;
+    };
+    auto failedWith = [](int error) {
+        return error == ENOENT ? std::string("it does not exist") : "it cannot be read (" + std::string(std::strerror(error)) + ")";
+    };
     // Non-blocking, so that a FIFO in the file's place cannot stall the
     // open; it is refused as soon as fstat shows what it is.
     Fd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
     if (!fd)
-        return std::nullopt;
+        return refuse(failedWith(errno));
     struct stat st;
-    if (fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode))
-        return std::nullopt;
+    if (fstat(fd.get(), &st) != 0)
+        return refuse(failedWith(errno));
+    if (!S_ISREG(st.st_mode))
+        return refuse("it is not a regular file");
     if (static_cast<uint64_t>(st.st_size) > std::numeric_limits<uint32_t>::max())
-        return std::nullopt;
+        return refuse("it is larger than a property list can be");
 
     std::string contents;
     char buffer[16384];
@@ -192,15 +204,18 @@ std::optional<PlistValue> readPropertyListFile(const std::filesystem::path& path
         if (n < 0) {
             if (errno == EINTR)
                 continue;
-            return std::nullopt;
+            return refuse(failedWith(errno));
         }
         if (n == 0)
             break;
         contents.append(buffer, static_cast<size_t>(n));
         if (contents.size() > std::numeric_limits<uint32_t>::max())
-            return std::nullopt;
+            return refuse("it is larger than a property list can be");
     }
-    return parsePropertyList(contents.data(), contents.size());
+    auto value = parsePropertyList(contents.data(), contents.size());
+    if (!value)
+        return refuse("it is not a property list");
+    return value;
 }
 
 namespace {

@@ -74,8 +74,10 @@ struct PlistValue {
 std::optional<PlistValue> parsePropertyList(const void* bytes, size_t length);
 
 // Reads and parses a regular file; a missing, unreadable or non-regular file
-// gives an empty optional, like malformed contents.
-std::optional<PlistValue> readPropertyListFile(const std::filesystem::path& path);
+// gives an empty optional, like malformed contents. `problem`, when given,
+// then says what is wrong, for a person: "it does not exist", "it is not a
+// property list".
+std::optional<PlistValue> readPropertyListFile(const std::filesystem::path& path, std::string* problem = nullptr);
 
 // The value as an XML or a binary property list document.
 std::string toXmlPropertyList(const PlistValue& value);

@@ -6,13 +6,18 @@
 
 namespace vt {
 
-std::unique_ptr<VTBundle> VTBundle::bundleWithPath(const std::filesystem::path& path)
+std::unique_ptr<VTBundle> VTBundle::bundleWithPath(const std::filesystem::path& path, std::string* problem)
 {
     // readPropertyListFile refuses what is missing, unreadable or not a
     // regular file (a directory named Info.plist) by itself.
-    auto info = readPropertyListFile(path / "Contents" / "Info.plist");
-    if (!info || !info->asDict())
+    auto info = readPropertyListFile(path / "Contents" / "Info.plist", problem);
+    if (!info)
         return nullptr;
+    if (!info->asDict()) {
+        if (problem)
+            *problem = "it holds no dictionary";
+        return nullptr;
+    }
     return std::unique_ptr<VTBundle>(new VTBundle(path, std::move(std::get<PlistDict>(info->storage))));
 }
 

@@ -19,8 +19,9 @@ namespace vt {
 class VTBundle {
 public:
     // nullptr unless B/Contents/Info.plist is a readable regular file that
-    // holds a dictionary. Nothing is logged.
-    static std::unique_ptr<VTBundle> bundleWithPath(const std::filesystem::path& path);
+    // holds a dictionary; `problem`, when given, then says what is wrong with
+    // it. Nothing is logged.
+    static std::unique_ptr<VTBundle> bundleWithPath(const std::filesystem::path& path, std::string* problem = nullptr);
 
     // The bundle of the running executable, from its path as invoked: argv0
     // made absolute when it contains a '/', otherwise /proc/self/exe. Symbolic

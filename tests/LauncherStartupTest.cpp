@@ -3,6 +3,7 @@
 // running copy of itself.
 #include <csignal>
 #include <ctime>
+#include <functional>
 #include <sstream>
 
 #include <gtest/gtest.h>
@@ -188,4 +189,59 @@ TEST(LauncherStartup, ABundleWithoutNameOrBottleIsToldPlainly)
     auto menu = w.records.tools("vtmenu").at(0);
     EXPECT_EQ(menu.arguments(), std::vector<std::string> { "--bottle" }) << "the list ends where the bottle is missing";
     EXPECT_EQ(menu.environment["VT_LAUNCHER_BUNDLE_NAME"], "");
+}
+
+TEST(LauncherStartup, AnUnusableBundleIsToldInOneLineAndEndsAtOnce)
+{
+    StandinWorld w;
+    const std::filesystem::path bundle = w.dir / "Broken.app";
+    const std::string plist = (bundle / "Contents/Info.plist").string();
+    w.launcher = installExecutable(bundle, "Broken", VT_LAUNCHER_PATH);
+    struct Case {
+        std::function<void()> make;
+        std::string problem;
+    };
+    const Case cases[] = {
+        { [] {}, "it does not exist" },
+        { [&] { writeFile(plist, "<plist><dict><key>unfinished"); }, "it is not a property list" },
+        { [&] { writeFile(plist, vt::toXmlPropertyList(vt::PlistValue { vt::PlistArray { vt::PlistValue { "a" } } })); },
+          "it holds no dictionary" },
+        { [&] {
+             std::filesystem::remove(plist);
+             std::filesystem::create_directory(plist);
+         },
+          "it is not a regular file" },
+    };
+    for (size_t run = 0; run < std::size(cases); ++run) {
+        cases[run].make();
+        auto& launcher = w.startLauncher();
+        EXPECT_EQ(launcher.waitForExit(2s), 1) << cases[run].problem;
+        EXPECT_NE(w.launcherLog(run).find(plist + " cannot be used: " + cases[run].problem
+                                          + "; the launcher cannot run without it"),
+                  std::string::npos)
+            << w.launcherLog(run);
+    }
+
+    // A launcher that is not in a bundle at all.
+    TestProcess outside({ VT_LAUNCHER_PATH }, w.environment(), { w.dir.path(), true });
+    EXPECT_EQ(outside.waitForExit(2s), 1);
+    EXPECT_NE(outside.standardError().find("vtlauncher must run from a launcher bundle"), std::string::npos)
+        << outside.standardError();
+}
+
+TEST(LauncherStartup, WithoutASessionBusItSaysSoAtOnce)
+{
+    StandinWorld w;
+    for (std::optional<std::string> address : { std::optional<std::string>(), std::optional<std::string>("unix:path=/nonexistent/bus") }) {
+        size_t run = address ? 1 : 0;
+        auto& launcher = w.startLauncher({}, { { "DBUS_SESSION_BUS_ADDRESS", address } });
+        // Said first, before the attempts to find the helper server, and only once.
+        ASSERT_TRUE(w.waitForLog("looking for the helper server, attempt 1", run)) << w.launcherLog(run);
+        std::string log = w.launcherLog(run);
+        EXPECT_LT(log.find("no D-Bus session bus: "), log.find("looking for the helper server")) << log;
+        EXPECT_EQ(log.find("cannot register"), std::string::npos) << log;
+        EXPECT_EQ(log.find("The launcher has no icon in the status area"), std::string::npos) << log;
+        launcher.signal(SIGTERM);
+        EXPECT_EQ(launcher.waitForExit(), 0) << w.launcherLog(run);
+    }
 }
