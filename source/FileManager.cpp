@@ -80,21 +80,30 @@ namespace {
         return std::string(id);
     }
 
-    // Every item below `root`, a folder before what it holds, without
-    // descending into symbolic links to folders. Folders that cannot be
-    // read are passed over.
-    void forEachBelow(const std::string& root, const std::function<void(const std::string&)>& visit)
+    // The names in `folder` but "." and ".."; nothing when it cannot be listed.
+    std::optional<std::vector<std::string>> entryNames(const std::string& folder)
     {
-        DIR* directory = opendir(root.c_str());
+        DIR* directory = opendir(folder.c_str());
         if (!directory)
-            return;
+            return std::nullopt;
         std::vector<std::string> names;
         while (dirent* entry = readdir(directory)) {
             if (std::strcmp(entry->d_name, ".") != 0 && std::strcmp(entry->d_name, "..") != 0)
                 names.emplace_back(entry->d_name);
         }
         closedir(directory);
-        for (const std::string& name : names) {
+        return names;
+    }
+
+    // Every item below `root`, a folder before what it holds, without
+    // descending into symbolic links to folders. Folders that cannot be
+    // read are passed over.
+    void forEachBelow(const std::string& root, const std::function<void(const std::string&)>& visit)
+    {
+        std::optional<std::vector<std::string>> names = entryNames(root);
+        if (!names)
+            return;
+        for (const std::string& name : *names) {
             std::string path = root + "/" + name;
             visit(path);
             struct stat info;
@@ -308,15 +317,10 @@ void FileManager::removeFolderIfEmpty(const std::string& folder, const std::stri
 {
     std::string current = folder;
     while (isFile(current, limit) && !isSameFile(current, limit)) {
-        DIR* directory = opendir(current.c_str());
-        if (!directory)
+        std::optional<std::vector<std::string>> listed = entryNames(current);
+        if (!listed)
             return;
-        std::vector<std::string> names;
-        while (dirent* entry = readdir(directory)) {
-            if (std::strcmp(entry->d_name, ".") != 0 && std::strcmp(entry->d_name, "..") != 0)
-                names.emplace_back(entry->d_name);
-        }
-        closedir(directory);
+        const std::vector<std::string>& names = *listed;
         if (names.size() > 1 || (names.size() == 1 && !isDotDSStore(names[0].c_str())))
             return;
         if (names.size() == 1 && unlink((current + "/" + names[0]).c_str()) != 0)
