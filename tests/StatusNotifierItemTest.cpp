@@ -80,13 +80,6 @@ protected:
 
 } // namespace
 
-TEST_F(StatusNotifierItemTest, RegistersWithAWatcherThatIsAlreadyThere)
-{
-    makeRegisteredItem();
-    EXPECT_EQ(item->busName(), "org.kde.StatusNotifierItem-" + std::to_string(getpid()) + "-1");
-    EXPECT_TRUE(bus.hasOwner(item->busName()));
-}
-
 TEST_F(StatusNotifierItemTest, RegistersWhenAWatcherAppearsAndAgainAfterItRestarts)
 {
     makeItem();
@@ -158,14 +151,6 @@ TEST_F(StatusNotifierItemTest, ToolTipIsTheTitleUntilChangedAndEachChangeIsAnnou
     item->setToolTip("Notepad");
     ASSERT_TRUE(watcher.waitForSignal("NewToolTip", newToolTips + 2));
     EXPECT_EQ(watcher.toolTipText(), "Notepad");
-}
-
-TEST_F(StatusNotifierItemTest, ActivateReachesTheCallbackOnTheMainThread)
-{
-    makeRegisteredItem();
-    watcher.activate(10, 20);
-    ASSERT_TRUE(waitUntil([&] { return activations == 1; }));
-    EXPECT_EQ(offMainThread, 0);
 }
 
 TEST_F(StatusNotifierItemTest, ExportsTheMenuAndItsQuitItemIsAQuitRequestOnTheMainThread)

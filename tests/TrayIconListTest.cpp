@@ -101,35 +101,6 @@ std::filesystem::path bundleWithIcon(const test::TempDir& dir, const std::option
 
 } // namespace
 
-TEST(TrayTile, OneSixteenPixelIconCoversPixelsOneToThirtyTwoOfTheTopLeft)
-{
-    auto picture = solidPicture(16, 0);
-    for (uint32_t i = 0; i < 256; ++i) {
-        picture.colours[i] = (i % 16 * 16) << 16 | (i / 16 * 16) << 8 | 0x40;
-        picture.transparent[i] = i % 5 == 0;
-    }
-    auto record = trayRecord(kNativeTrayLayout, 1, 1, 0, picture);
-    auto base = patternedBase();
-    std::vector<Rgba> shown;
-    TrayIconList list(addRef(base.get()), [&](const GdkPixbuf& tile) { shown.push_back(at(&tile, 1, 1)); });
-    list.addIconWithData(record);
-    list.updateBadges();
-    ASSERT_EQ(shown.size(), 1u);
-
-    auto tile = list.paintTile();
-    for (int y = 0; y < kTileSize; ++y)
-        for (int x = 0; x < kTileSize; ++x) {
-            Rgba expected = at(base.get(), x, y);
-            if (x >= 1 && x <= 32 && y >= 1 && y <= 32) {
-                size_t source = (y - 1) / 2 * 16 + (x - 1) / 2;
-                if (!picture.transparent[source])
-                    expected = opaque(picture.colours[source]);
-            }
-            ASSERT_EQ(at(tile.get(), x, y), expected) << "at " << x << "," << y;
-        }
-    EXPECT_EQ(shown[0], at(tile.get(), 1, 1));
-}
-
 TEST(TrayTile, RowsWrapUnderTheLowestBadgeAndAreCutOffBelowTheTile)
 {
     auto base = patternedBase();

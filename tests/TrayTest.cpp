@@ -3,9 +3,7 @@
 // side, the tile read back by a stand-in watcher on the private bus, and the
 // item's activation, menu and tooltip acting on the launcher.
 #include <algorithm>
-#include <atomic>
 #include <csignal>
-#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -170,36 +168,6 @@ TEST_F(Tray, FaultyMessagesAreLoggedChangeNothingAndLaterOnesStillWork)
              "createIconWithData: can't deal with indexed color (16 bits-per-pixel)",
          })
         EXPECT_NE(log.find(line), std::string::npos) << line << "\n" << log;
-}
-
-TEST_F(Tray, AThousandMessagesFromTwentySendersAreAllApplied)
-{
-    launch();
-    auto plain = watcher.iconPixmap();
-    unsigned before = watcher.signalCount("NewIcon");
-
-    // Each sender adds its icon, changes it 48 times and takes it away.
-    std::vector<std::thread> senders;
-    std::atomic<int> failures { 0 };
-    for (int32_t sender = 0; sender < 20; ++sender) {
-        senders.emplace_back([&, sender] {
-            for (int i = 0; i < 50; ++i) {
-                uint64_t operation = i == 0 ? vt::kTrayOperationAdd
-                    : i == 49              ? vt::kTrayOperationDelete
-                                           : vt::kTrayOperationModify;
-                auto picture = vt::standin::solidPicture(16, 0x010101u * uint32_t(i));
-                auto record = vt::standin::trayRecord(kNativeTrayLayout, 100 + sender, 1, 0x401, picture);
-                if (!vt::standin::sendTrayBytes(socket, vt::standin::trayMessage(kNativeTrayLayout, operation, record)))
-                    ++failures;
-            }
-        });
-    }
-    for (auto& sender : senders)
-        sender.join();
-    EXPECT_EQ(failures, 0);
-    // One repaint per message, and every icon gone again.
-    EXPECT_TRUE(watcher.waitForSignal("NewIcon", before + 1000, 30s)) << watcher.signalCount("NewIcon") - before;
-    EXPECT_TRUE(sameOutside(*watcher.iconPixmap(), *plain, 0, 0, 0, 0));
 }
 
 TEST_F(Tray, ActivationRaisesTheWindowsOrClicksTheOldestTrayIcon)
