@@ -1,11 +1,15 @@
 #include "app/WindowsProgram.hpp"
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <filesystem>
+#include <utility>
 
 #include <glib.h>
 
 #include "base/PlatformLog.hpp"
+#include "base/posix_glue.hpp"
 #include "base/VTLog.hpp"
 #include "integration/WindowCommandChannel.hpp"
 #include "shell/HelperServerClient.hpp"
@@ -13,6 +17,10 @@
 namespace vt {
 
 namespace {
+    // What making one process takes at once: the descriptor a call on the
+    // bus waits on, and a pipe with room to spare.
+    constexpr size_t kDescriptorsForAProcess = 4;
+
     std::vector<std::string> withFile(std::vector<std::string> arguments, const std::string& path)
     {
         arguments.push_back(path);
@@ -95,6 +103,19 @@ std::unique_ptr<VTTask> WindowsProgram::createWineTaskWithLaunchPath(
     }
     if (!m_helperServer)
         return nullptr;
+    // Out of descriptors, the call to the helper server below would end the
+    // launcher (GLib cannot make the one it waits on) and the process could
+    // not get its streams anyway: nothing is made, and it is said once until
+    // processes can be made again.
+    if (!descriptorsAreFree(kDescriptorsForAProcess)) {
+        if (!std::exchange(m_outOfDescriptors, true))
+            platformLog("Cannot start the Windows program: the launcher has no file descriptor left (%s); nothing is "
+                        "started until it has.",
+                        std::strerror(errno));
+        return nullptr;
+    }
+    if (std::exchange(m_outOfDescriptors, false))
+        platformLog("The launcher has file descriptors again; the Windows program's processes start as usual.");
 
     Environment environment;
     try {
@@ -176,6 +197,12 @@ void WindowsProgram::handBackForArchitecture(const std::string& architecture)
     auto arguments = programArguments::otherArchitecture(m_settings, architecture);
     if (!m_settings.vtmenuPath || !arguments || !m_helperServer) {
         platformLog("Cannot hand the program back to vtmenu for another architecture: its settings are incomplete.");
+        return;
+    }
+    if (!descriptorsAreFree(kDescriptorsForAProcess)) {
+        platformLog("Cannot hand the program back to vtmenu for architecture %@: the launcher has no file descriptor "
+                    "left (%s).",
+                    architecture, std::strerror(errno));
         return;
     }
     try {

@@ -95,6 +95,8 @@ private:
     HelperServerClient* m_helperServer = nullptr;
     // In the order started.
     std::vector<TrackedTask> m_taskArray;
+    // Processes could not be made for want of descriptors, which has been said.
+    bool m_outOfDescriptors = false;
 };
 
 } // namespace vt

@@ -4,7 +4,9 @@
 #include <cerrno>
 #include <optional>
 #include <utility>
+#include <vector>
 
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -63,6 +65,23 @@ private:
 };
 
 template <typename Owner> OutPtr<Owner> outPtr(Owner& owner) noexcept { return OutPtr<Owner>(owner); }
+
+// Whether `count` more descriptors can be made now: a probe, which makes
+// them and closes them again (errno tells why not). GLib ends the process
+// when it cannot make the descriptor that a blocking call waits on, so work
+// that must not fail half-way asks first whether the process has run out.
+inline bool descriptorsAreFree(size_t count)
+{
+    std::vector<Fd> probes;
+    probes.reserve(count);
+    while (probes.size() < count) {
+        Fd probe(::eventfd(0, EFD_CLOEXEC));
+        if (!probe)
+            return false;
+        probes.push_back(std::move(probe));
+    }
+    return true;
+}
 
 // Writes all of `length` bytes, going on after interruptions and partial
 // writes; false (with errno set) when a write fails. To a socket (`toSocket`)

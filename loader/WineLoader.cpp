@@ -20,6 +20,17 @@ namespace vt {
 namespace {
     constexpr int kBacklog = 5;
     constexpr const char* kAcceptName = "WineLoader::acceptConnections";
+    // How long the accept thread waits after an accept that failed for want
+    // of descriptors or memory: short enough that a loader hardly notices,
+    // long enough not to spin.
+    constexpr int kRetryDelayMilliseconds = 100;
+
+    // Errors after which the listening socket can never accept again;
+    // everything else may pass.
+    bool isListeningSocketGone(int error)
+    {
+        return error == EBADF || error == EINVAL || error == ENOTSOCK || error == EOPNOTSUPP || error == EFAULT;
+    }
 
     // Only this user may hand a program over: another user's loader would
     // run its program as us.
@@ -68,7 +79,7 @@ bool WineLoader::listenAt(const std::filesystem::path& directory)
     address.sun_family = AF_UNIX;
     if (path.size() >= sizeof address.sun_path)
         return false;
-    int probe = ::mkstemp(path.data());
+    int probe = ::mkostemp(path.data(), O_CLOEXEC);
     if (probe < 0)
         return false;
     ::close(probe);
@@ -99,12 +110,21 @@ WineLoader::~WineLoader()
 
 void WineLoader::acceptConnections()
 {
+    // Failed accepts in a row: the first is logged, the rest of the episode
+    // is not, and its end is.
+    unsigned failures = 0;
     for (;;) {
         pollfd watched[2] = { { m_sock.get(), POLLIN, 0 }, { m_wake.get(), POLLIN, 0 } };
         if (::poll(watched, 2, -1) < 0) {
-            if (errno == EINTR)
+            int error = errno;
+            if (error == EINTR)
                 continue;
-            platformLog("%s: poll failed; errno %d; no more loaders are accepted", kAcceptName, errno);
+            if (error == ENOMEM) {
+                if (waitBeforeRetrying())
+                    continue;
+                break;
+            }
+            platformLog("%s: poll failed; errno %d; no more loaders are accepted", kAcceptName, error);
             break;
         }
         if (watched[1].revents)
@@ -115,10 +135,26 @@ void WineLoader::acceptConnections()
         }
         Fd connection(::accept4(m_sock.get(), nullptr, nullptr, SOCK_CLOEXEC));
         if (!connection) {
-            if (errno == ECONNABORTED || errno == EINTR || errno == EAGAIN || errno == EWOULDBLOCK)
+            int error = errno;
+            if (error == EAGAIN || error == EWOULDBLOCK || error == EINTR || error == ECONNABORTED)
                 continue;
-            platformLog("%s: accept failed; errno %d; no more loaders are accepted", kAcceptName, errno);
-            break;
+            if (isListeningSocketGone(error)) {
+                platformLog("%s: accept failed; errno %d; no more loaders are accepted", kAcceptName, error);
+                break;
+            }
+            // Out of descriptors or memory, most likely for a moment: the
+            // connection waits in the backlog while this thread waits too,
+            // instead of spinning on it or giving up for good.
+            if (failures++ == 0)
+                platformLog("%s: accept failed; errno %d (%s); trying again until it works", kAcceptName, error,
+                            std::strerror(error));
+            if (!waitBeforeRetrying())
+                break;
+            continue;
+        }
+        if (failures > 0) {
+            platformLog("%s: accepting loaders again after %u failed attempts", kAcceptName, failures);
+            failures = 0;
         }
         if (!isPeerThisUser(connection.get()))
             continue;
@@ -133,6 +169,16 @@ void WineLoader::acceptConnections()
     // Listening ends for good: a loader that connects now is refused at once
     // instead of waiting in the backlog.
     m_sock.reset();
+}
+
+bool WineLoader::waitBeforeRetrying()
+{
+    pollfd wake { m_wake.get(), POLLIN, 0 };
+    int ready;
+    do
+        ready = ::poll(&wake, 1, kRetryDelayMilliseconds);
+    while (ready < 0 && errno == EINTR);
+    return ready <= 0 || !wake.revents;
 }
 
 bool WineLoader::stopListening()

@@ -56,6 +56,9 @@ private:
     WineLoader(std::string vantorRoot, const WineLoaderLayout& layout);
     bool listenAt(const std::filesystem::path& directory);
     void acceptConnections(); // the accept thread
+    // The accept thread's pause after a failure that may pass (descriptors
+    // or memory running out); false when it is to stop instead.
+    bool waitBeforeRetrying();
     // Stops the accept thread (which closes the socket); false when it had
     // already stopped.
     bool stopListening();

@@ -1,12 +1,15 @@
 #include "shell/Application.hpp"
 
 #include <atomic>
+#include <cerrno>
 #include <condition_variable>
 #include <csignal>
+#include <ctime>
 #include <cstdlib>
 #include <mutex>
 #include <thread>
 
+#include <pthread.h>
 #include <unistd.h>
 
 #include "base/MainLoop.hpp"
@@ -19,6 +22,29 @@ namespace vt {
 
 namespace {
     Application* sharedApplication = nullptr;
+
+    // The signals that ask the launcher to quit.
+    sigset_t quitSignalSet()
+    {
+        sigset_t set;
+        sigemptyset(&set);
+        for (int signalNumber : { SIGTERM, SIGINT, SIGHUP })
+            sigaddset(&set, signalNumber);
+        return set;
+    }
+
+    // Takes every quit signal that came while they were blocked; whether one did.
+    bool takeBlockedQuitSignals(const sigset_t& set)
+    {
+        const timespec now { 0, 0 };
+        bool taken = false;
+        for (;;) {
+            if (::sigtimedwait(&set, nullptr, &now) > 0)
+                taken = true;
+            else if (errno != EINTR)
+                return taken;
+        }
+    }
 } // namespace
 
 // Quit signals are caught on a thread of their own, so that a quit request
@@ -41,7 +67,16 @@ public:
 
     ~QuitSignals()
     {
-        g_main_loop_quit(m_loop.get());
+        // Through the thread's own context: a quit that came before the
+        // thread had entered its loop would be forgotten, and the join below
+        // would wait for ever.
+        g_main_context_invoke(
+            m_context.get(),
+            [](gpointer loop) noexcept -> gboolean {
+                g_main_loop_quit(static_cast<GMainLoop*>(loop));
+                return G_SOURCE_REMOVE;
+            },
+            m_loop.get());
         m_thread.join();
         m_sources.clear();
     }
@@ -272,6 +307,10 @@ void Application::activateIgnoringOtherApps()
 void Application::exitAfterTermination()
 {
     m_quitSignals.reset();
+    // Without their sources the signals are at their default again; one
+    // more quit signal now would only cut the ending short.
+    for (int signalNumber : { SIGTERM, SIGINT, SIGHUP })
+        signal(signalNumber, SIG_IGN);
     if (m_gapplication) {
         if (GDBusConnection* bus = g_application_get_dbus_connection(m_gapplication.get()))
             g_dbus_connection_flush_sync(bus, nullptr, nullptr);
@@ -415,6 +454,14 @@ void Application::forwardToRunningLauncher(const std::vector<std::string>& argum
 
 int Application::run(int argc, char** argv)
 {
+    // Quit signals are blocked from the first moment until the signal thread
+    // takes them: one that comes while the launcher starts up is the first
+    // quit request, not an end by the default action with half of it made.
+    // Every thread started meanwhile (the bus's among them) keeps them
+    // blocked, so they reach the main thread once it unblocks them.
+    const sigset_t quitSignals = quitSignalSet();
+    pthread_sigmask(SIG_BLOCK, &quitSignals, nullptr);
+
     // A window-command tool that has gone away must show up as a failed
     // write, not end the launcher.
     signal(SIGPIPE, SIG_IGN);
@@ -457,8 +504,14 @@ int Application::run(int argc, char** argv)
     }
 
     m_quitSignals = std::make_unique<QuitSignals>(*this);
+    bool quitEarly = takeBlockedQuitSignals(quitSignals);
+    pthread_sigmask(SIG_UNBLOCK, &quitSignals, nullptr);
     m_loop = adopt(g_main_loop_new(nullptr, FALSE));
     g_application_hold(m_gapplication.get());
+    // Asked before anything has started, as every quit is asked: agreed, it
+    // ends the launcher here.
+    if (quitEarly)
+        sendEvent(Event { Event::Type::QuitRequest, {}, {} });
     finishLaunching(openingEventsForArguments(arguments, workingDirectory));
     g_main_loop_run(m_loop.get());
     return 0;

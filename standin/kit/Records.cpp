@@ -121,7 +121,7 @@ std::vector<ToolRecord> RecordReader::tools(const std::string& role) const
             continue;
         tools.push_back({ record.value("role"), std::stoi(record.value("pid")), record.values("arg"),
                           environmentOf(record), record.value("cwd"), record.value("stdin"),
-                          record.value("stdout") });
+                          record.value("stdout"), record.values("fd") });
     }
     return tools;
 }

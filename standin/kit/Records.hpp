@@ -27,6 +27,7 @@ struct ToolRecord {
     std::string directory;                          // working directory
     std::string standardInput;                      // null, pipe, socket, other or closed
     std::string standardOutput;
+    std::vector<std::string> descriptors;           // every one it was started with: "<number> <kind>"
 
     std::vector<std::string> arguments() const { return { argv.begin() + (argv.empty() ? 0 : 1), argv.end() }; }
 };

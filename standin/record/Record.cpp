@@ -1,9 +1,11 @@
 #include "standin/record/Record.hpp"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
 
+#include <dirent.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -103,6 +105,25 @@ std::string descriptorKind(int fd)
     if (S_ISCHR(status.st_mode) && stat("/dev/null", &null) == 0 && status.st_rdev == null.st_rdev)
         return "null";
     return "other";
+}
+
+std::vector<int> openDescriptors()
+{
+    std::vector<int> descriptors;
+    DIR* directory = opendir("/proc/self/fd");
+    if (!directory)
+        return descriptors;
+    int own = dirfd(directory);
+    while (const dirent* entry = readdir(directory)) {
+        if (entry->d_name[0] == '.')
+            continue;
+        int fd = std::atoi(entry->d_name);
+        if (fd != own)
+            descriptors.push_back(fd);
+    }
+    closedir(directory);
+    std::sort(descriptors.begin(), descriptors.end());
+    return descriptors;
 }
 
 } // namespace vt::standin

@@ -10,9 +10,11 @@
 // (g_get_monotonic_time() / 1000 in any process).
 //
 // Kinds and their fields:
-//   tool      vtmenu, vtstart or wine started: role, arg (argv[0] first),
-//             env (NAME=VALUE, each as given), cwd, stdin and stdout (what
-//             the descriptor is, as descriptorKind() names it)
+//   tool      vtmenu, vtstart or wine started: role, fd (each descriptor
+//             it was started with: its number, a blank and what it is, as
+//             descriptorKind() names it), arg (argv[0] first), env
+//             (NAME=VALUE, each as given), cwd, stdin and stdout (what the
+//             descriptor is)
 //   tool-end  a tool is ending: role, and either signal and sender (the
 //             signal that ended it and the pid that sent it) or reason
 //   request   the window-command tool received a request: line (its bytes,
@@ -88,5 +90,9 @@ bool send(Record record);
 // What the descriptor `fd` is: null (the null device), pipe, socket, other,
 // or closed.
 std::string descriptorKind(int fd);
+
+// The descriptors this process has open, in ascending order, without the
+// one used to list them.
+std::vector<int> openDescriptors();
 
 } // namespace vt::standin

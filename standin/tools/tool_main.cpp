@@ -4,8 +4,8 @@
 // name it was started by (the last component of argv[0]).
 //
 // On start it sends a tool record (standin/record/Record.hpp) with what it
-// was given: its arguments, its whole environment, its working directory and
-// what its standard streams are. It reaches the test through
+// was given: its arguments, its whole environment, its working directory,
+// what its standard streams are and every descriptor it was started with. It reaches the test through
 // VT_STANDIN_RECORDS, which the test puts into the helper server's
 // environment dictionary: the launcher gives its tools that dictionary and
 // nothing else of its own environment.
@@ -41,10 +41,12 @@ extern char** environ;
 
 namespace {
 
-vt::standin::Record startRecord(const std::string& role, char** argv)
+vt::standin::Record startRecord(const std::string& role, char** argv, const std::vector<int>& descriptors)
 {
     vt::standin::Record record("tool");
     record.add("role", role);
+    for (int fd : descriptors)
+        record.add("fd", std::to_string(fd) + " " + vt::standin::descriptorKind(fd));
     for (char** argument = argv; *argument; ++argument)
         record.add("arg", *argument);
     for (char** entry = environ; *entry; ++entry)
@@ -88,10 +90,12 @@ bool startsWindowCommandTool(const std::string& role, int argc, char** argv)
 
 int main(int argc, char** argv)
 {
+    // First of all, before this program opens any of its own.
+    std::vector<int> descriptors = vt::standin::openDescriptors();
     std::string role = std::filesystem::path(argv[0]).filename();
     // Before the record: a test that has seen the record may end us at once.
     vt::standin::EndSignals signals;
-    vt::standin::send(startRecord(role, argv));
+    vt::standin::send(startRecord(role, argv, descriptors));
     if (startsWindowCommandTool(role, argc, argv))
         execWindowCommandTool(argv);
     if (vt::standin::actsAsWineLoader(role, argv))

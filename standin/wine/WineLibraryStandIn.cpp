@@ -17,6 +17,9 @@
 //                     thread of its own
 //   reopen=yes|no     answers the reopen question (default: no answer)
 //   consume=<number>  handle_event consumes events of that type
+//   exit=<status>     after its record wine_init ends the process with
+//                     exit(status), as Wine does once the Windows program
+//                     has ended
 // Otherwise it registers a controller that records every notification,
 // handle_event and did_send_event, consuming nothing, and wine_init keeps its
 // thread forever, as the Windows program would.
@@ -58,6 +61,7 @@ struct Behaviour {
     bool laterAnswer = false; // the answer given after LATER
     std::optional<bool> reopenReply;
     std::optional<int> consumedType;
+    std::optional<int> exitStatus;
 };
 
 Behaviour behaviourFromEnvironment()
@@ -84,6 +88,8 @@ Behaviour behaviourFromEnvironment()
             behaviour.reopenReply = word == "reopen=yes";
         else if (word.starts_with("consume="))
             behaviour.consumedType = std::atoi(std::string(word.substr(8)).c_str());
+        else if (word.starts_with("exit="))
+            behaviour.exitStatus = std::atoi(std::string(word.substr(5)).c_str());
         else if (!word.empty())
             std::fprintf(stderr, "stand-in Wine: unknown word \"%.*s\" in VT_STANDIN_WINE\n",
                          static_cast<int>(word.size()), word.data());
@@ -311,6 +317,8 @@ WINE_EXPORT void wine_init(int argc, char* argv[], char* error, int error_size) 
             return;
         }
         vt::standin::send(record.add("controller", registerController(behaviour)));
+        if (behaviour.exitStatus)
+            std::exit(*behaviour.exitStatus);
     } catch (const std::exception& e) {
         writeError(error, error_size, e.what());
         return;
