@@ -54,8 +54,7 @@ size_t occurrences(const std::string& text, const std::string& part)
     return count;
 }
 
-std::string bytesOf(uint32_t value) { return std::string(reinterpret_cast<const char*>(&value), sizeof value); }
-std::string bytesOf(uint64_t value) { return std::string(reinterpret_cast<const char*>(&value), sizeof value); }
+template <typename T> std::string bytesOf(T value) { return std::string(reinterpret_cast<const char*>(&value), sizeof value); }
 
 // Runs `work` in a child that has become uid and gid 65534: its exit status.
 int asAnotherUser(const std::function<int()>& work)
@@ -140,11 +139,10 @@ protected:
 
 } // namespace
 
-TEST_F(DescriptorHygiene, ThousandsOfMalformedRequestsAndMessagesLeaveTheDescriptorCountAsItWas)
+TEST_F(DescriptorHygiene, FloodsOfMalformedInputLeakNothingAndChildrenInheritOnlyTheirStandardStreams)
 {
     // vtmenu asks for the other architecture and is handed back, so the
-    // loader socket stays for what follows; the sound request at the end is
-    // taken in.
+    // loader socket stays for the flood; the sound request after it is taken in.
     installWine();
     w.serverDictionary["VT_STANDIN_LOADER"] = "other-arch";
     StatusNotifierWatcher watcher(w.bus.address());
@@ -157,34 +155,25 @@ TEST_F(DescriptorHygiene, ThousandsOfMalformedRequestsAndMessagesLeaveTheDescrip
     const std::string traySocket = menu.environment.at("VT_SYSTRAY_SOCKET");
     const size_t before = descriptorsOf(launcher.pid()).size();
 
+    // Bytes, then the carrier with that many descriptors (none: no carrier),
+    // then more bytes; each connection is closed at once.
+    struct Request {
+        std::string head;
+        int descriptors;
+        std::string tail;
+    };
     const uint32_t own = kNativeWineLoaderLayout.ownRequest;
     const std::string head = encodeRequestHead(own, "/\0"s, nulTerminated({ "A=1" }), nulTerminated({ "", "a.exe" }));
-    Fd null(::open("/dev/null", O_RDWR | O_CLOEXEC));
-    const std::vector<int> three(3, null.get()), five(5, null.get()), six(6, null.get());
-    const std::function<void(int)> requests[] = {
-        [](int) {}, // closed at once
-        [&](int s) { standin::sendAll(s, head.data(), 2); },
-        [&](int s) { standin::sendAll(s, bytesOf(0xDEADBEEFu).data(), 4); },
-        [&](int s) { standin::sendAll(s, (bytesOf(own) + bytesOf(uint64_t { 1 } << 40)).data(), 12); },
-        [&](int s) { standin::sendAll(s, (bytesOf(own) + bytesOf(uint64_t { 8 }) + "abc").data(), 15); },
-        [&](int s) {
-            standin::sendAll(s, head.data(), head.size());
-            standin::sendCarrier(s, six);
-        },
-        [&](int s) {
-            standin::sendAll(s, head.data(), head.size());
-            standin::sendCarrier(s, three);
-        },
-        [&](int s) {
-            standin::sendAll(s, head.data(), head.size());
-            standin::sendCarrier(s, five);
-            standin::sendAll(s, "x", 1);
-        },
-        // Descriptors on the type's first byte, where no descriptor belongs.
-        [&](int s) {
-            standin::sendCarrier(s, five);
-            standin::sendAll(s, "\x01\x02\x03", 3);
-        },
+    const Request requests[] = {
+        { "", -1, "" },
+        { head.substr(0, 2), -1, "" },
+        { bytesOf(0xDEADBEEFu), -1, "" },
+        { bytesOf(own) + bytesOf(uint64_t { 1 } << 40), -1, "" },
+        { bytesOf(own) + bytesOf(uint64_t { 8 }) + "abc", -1, "" },
+        { head, 6, "" },
+        { head, 3, "" },
+        { head, 5, "x" },
+        { "", 5, "\x01\x02\x03" }, // on the type's first byte, where no descriptor belongs
     };
     const std::vector<uint8_t> good = standin::trayMessage(
         kNativeTrayLayout, kTrayOperationAdd, standin::trayRecord(kNativeTrayLayout, 7, 1, 0x401, standin::solidPicture(16, 0x336699)));
@@ -195,13 +184,17 @@ TEST_F(DescriptorHygiene, ThousandsOfMalformedRequestsAndMessagesLeaveTheDescrip
 
     // From a thread of its own: the launcher's log, read on this thread's
     // main loop, must not fill up meanwhile.
+    Fd null(::open("/dev/null", O_RDWR | O_CLOEXEC));
     constexpr int kRounds = 2000;
     auto flood = std::async(std::launch::async, [&] {
         int sent = 0;
         for (int i = 0; i < kRounds; ++i) {
+            const Request& request = requests[i % std::size(requests)];
             Fd loader = standin::connectToLoader(loaderSocket);
-            if (loader)
-                requests[i % std::size(requests)](loader.get());
+            standin::sendAll(loader.get(), request.head.data(), request.head.size());
+            if (request.descriptors >= 0)
+                standin::sendCarrier(loader.get(), std::vector<int>(request.descriptors, null.get()));
+            standin::sendAll(loader.get(), request.tail.data(), request.tail.size());
             sent += loader && standin::sendTrayBytes(traySocket, messages[i % std::size(messages)]);
         }
         return sent;
@@ -216,47 +209,31 @@ TEST_F(DescriptorHygiene, ThousandsOfMalformedRequestsAndMessagesLeaveTheDescrip
                               "is beyond the limit of" })
         EXPECT_NE(log().find(line), std::string::npos) << line;
 
-    // Both still serve.
+    // Both still serve. Wine then runs inside the launcher, holding the Wine
+    // server socket and the wait-children pipe.
     unsigned icons = watcher.signalCount("NewIcon");
     ASSERT_TRUE(standin::sendTrayBytes(traySocket, good));
     EXPECT_TRUE(watcher.waitForSignal("NewIcon", icons + 1)) << log();
-    EXPECT_EQ(soundRequest(loaderSocket), WineLoaderResponseProceed);
-    ASSERT_TRUE(waitUntil([&] { return !w.records.wineInits().empty(); }));
-    EXPECT_EQ(w.records.wineInits().at(0).pid, launcher.pid());
-}
-
-TEST_F(DescriptorHygiene, ChildrenGetTheirStandardStreamsAndNothingElse)
-{
-    // Every way the launcher starts a process: the window-command tool (on
-    // its two pipes), vtmenu handed back from a loader connection's thread,
-    // and vtmenu and vtstart for openings while Wine runs inside the
-    // launcher and holds the Wine server socket and the wait-children pipe.
-    installWine();
-    w.serverDictionary["VT_STANDIN_LOADER"] = "other-arch";
-    w.startHelperServer();
-    TestProcess& launcher = launch();
-    ASSERT_TRUE(w.records.waitForTools(2, "vtmenu")) << log();
     int ends[2];
     ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
     Fd waitReader(ends[0]), waitWriter(ends[1]);
-    const std::string socket = w.records.tools("vtmenu").at(0).environment.at("VT_APPRUNNER_ALT_LOADER_SOCKET");
-    EXPECT_EQ(soundRequest(socket, waitWriter.get()), WineLoaderResponseProceed);
+    EXPECT_EQ(soundRequest(loaderSocket, waitWriter.get()), WineLoaderResponseProceed);
     ASSERT_TRUE(waitUntil([&] { return !w.records.wineInits().empty(); }));
-    ASSERT_TRUE(w.records.wineInits().at(0).waitChildPipe);
+    EXPECT_EQ(w.records.wineInits().at(0).pid, launcher.pid());
 
+    // Every way the launcher starts a process: the window-command tool (on
+    // its two pipes), vtmenu handed back from a connection's thread, and
+    // vtmenu and vtstart for openings now.
     open("a.txt");
     w.startLauncher({ "https://example.com/" }).waitForExit();
-    ++runs;
     ASSERT_TRUE(w.records.waitForTools(5)) << log();
     for (const ToolRecord& tool : w.records.tools()) {
         Strings numbers;
         for (const std::string& descriptor : tool.descriptors)
             numbers.push_back(descriptor.substr(0, descriptor.find(' ')));
-        std::string what = tool.role + " " + testing::PrintToString(tool.arguments());
-        EXPECT_EQ(numbers, (Strings { "0", "1", "2" })) << what << " " << testing::PrintToString(tool.descriptors);
-        EXPECT_EQ(tool.standardInput, tool.role == "wine" ? "pipe" : "null") << what;
+        EXPECT_EQ(numbers, (Strings { "0", "1", "2" })) << tool.role << " " << testing::PrintToString(tool.descriptors);
+        EXPECT_EQ(tool.standardInput, tool.role == "wine" ? "pipe" : "null") << tool.role;
     }
-    EXPECT_TRUE(launcher.running());
 }
 
 TEST(LoaderRequestDescriptors, EveryReceivedDescriptorIsCloseOnExec)
@@ -295,19 +272,13 @@ TEST(PrivateDirectoryPlace, RefusesAPlaceOthersCouldChangeAndADirectoryThatIsNot
     const std::string fault = writable.string() + " may be written by other users and has no sticky bit (mode 0777)";
     EXPECT_EQ(PrivateDirectory::unsafeParent(writable), fault);
     EXPECT_EQ(PrivateDirectory::unsafeParent(makeDirectory(writable / "below", 0700)), fault);
-    EXPECT_EQ(PrivateDirectory::unsafeParent(makeDirectory(dir / "group", 0770)),
-              (dir / "group").string() + " may be written by other users and has no sticky bit (mode 0770)");
     // Sticky, as /tmp is: others may add their own, not move ours.
     EXPECT_EQ(PrivateDirectory::unsafeParent(makeDirectory(dir / "sticky", 01777)), std::nullopt);
-    EXPECT_EQ(PrivateDirectory::unsafeParent(dir / "missing"),
-              (dir / "missing").string() + " cannot be used: No such file or directory");
 
     EXPECT_EQ(PrivateDirectory::notPrivate(makeDirectory(dir / "mine", 0700)), std::nullopt);
     EXPECT_EQ(PrivateDirectory::notPrivate(makeDirectory(dir / "readable", 0755)), "its mode is 0755, not 0700");
     std::filesystem::create_directory_symlink(dir / "mine", dir / "link");
     EXPECT_EQ(PrivateDirectory::notPrivate(dir / "link"), "it is a symbolic link");
-    writeFile(dir / "file", "");
-    EXPECT_EQ(PrivateDirectory::notPrivate(dir / "file"), "it is not a directory");
 
     if (::getuid() != 0)
         GTEST_SKIP() << "needs root to give a directory to another user";
@@ -345,7 +316,6 @@ TEST_F(DescriptorHygiene, NoSocketOrDirectoryIsLeftHoweverTheLauncherEnds)
     // its own, which must be empty again once that launcher has ended.
     int count = 0;
     auto runtime = [&] { return makeDirectory(w.dir / ("run-" + std::to_string(++count)), 0700); };
-    w.startHelperServer();
 
     // A start-up that fails: the helper server goes while the launcher waits.
     w.startHelperServer({ { "VT_STANDIN_NOT_READY", "100" }, { "VT_STANDIN_GONE_AFTER", "2" } });
@@ -432,29 +402,18 @@ TEST_F(DescriptorHygiene, AnotherUserIsRefusedOnBothSockets)
 
     const std::string head = encodeRequestHead(kNativeWineLoaderLayout.ownRequest, "/\0"s, nulTerminated({ "A=1" }),
                                                nulTerminated({ "", "a.exe" }));
-    // Each child only needs to reach the socket: the launcher may close
-    // before its bytes are written.
+    // What the strangers send does not matter: each is refused before a byte is read.
     int status = asAnotherUser([&] {
         Fd socket = standin::connectToLoader(loaderSocket);
-        if (!socket)
-            return 3;
         standin::sendAll(socket.get(), head.data(), head.size());
         standin::sendCarrier(socket.get(), { 0, 1, 2, 0 });
-        return standin::finishAndReadAnswer(socket.get()) ? 4 : 0;
+        return socket && !standin::finishAndReadAnswer(socket.get()) ? 0 : 3;
     });
     EXPECT_EQ(status, 0) << "connected, and no answer";
-    const auto message = standin::trayMessage(kNativeTrayLayout, kTrayOperationAdd,
-                                              standin::trayRecord(kNativeTrayLayout, 7, 1, 0x401, standin::solidPicture(16, 0x336699)));
-    EXPECT_EQ(asAnotherUser([&] {
-                  Fd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-                  sockaddr_un address { .sun_family = AF_UNIX, .sun_path = {} };
-                  std::strcpy(address.sun_path, traySocket.c_str());
-                  if (::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
-                      return 3;
-                  writeAll(socket.get(), message.data(), message.size(), true);
-                  return 0;
-              }),
-              0);
+    asAnotherUser([&] {
+        standin::sendTrayBytes(traySocket, { 74, 0, 0, 0 });
+        return 0;
+    });
 
     EXPECT_TRUE(w.waitForLog("WineLoader::acceptConnections: refused a connection from uid 65534"));
     EXPECT_TRUE(w.waitForLog("Refused a connection to the launchnotifysocket from uid 65534"))
