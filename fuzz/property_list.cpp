@@ -5,7 +5,8 @@
 //
 // Checks: a parsed value written as a binary list and parsed again is the
 // same value (where the value is one the writer can hold: text without
-// NULs in valid UTF-8, no NaN, dates within 32-bit seconds); a menu exists exactly for an array, has one
+// NULs in valid UTF-8, no NaN, dates within 32-bit seconds and not in the
+// second before the reference date); a menu exists exactly for an array, has one
 // item per dictionary in it, separators carry nothing else, no submenu is
 // deeper than the list, and after "%@" is replaced in the titles no shown
 // title holds it.
@@ -31,9 +32,11 @@ bool roundTrips(const PlistValue& value)
 {
     if (const double* real = value.asReal())
         return !std::isnan(*real);
-    // libplist holds a date's whole seconds in 32 bits.
+    // libplist holds a date's whole seconds in 32 bits, and loses the sign
+    // of one within the second before the reference date.
     if (const PlistDate* date = value.asDate())
-        return date->secondsSinceReferenceDate >= INT32_MIN && date->secondsSinceReferenceDate < INT32_MAX;
+        return date->secondsSinceReferenceDate >= INT32_MIN && date->secondsSinceReferenceDate < INT32_MAX
+            && !(date->secondsSinceReferenceDate > -1 && date->secondsSinceReferenceDate < 0);
     if (const std::string* text = value.asString())
         return writable(*text);
     if (const PlistArray* array = value.asArray()) {

@@ -124,7 +124,11 @@ namespace {
         case PLIST_DATE: {
             int32_t seconds = 0, microseconds = 0;
             plist_get_date_val(node, &seconds, &microseconds);
-            return PlistValue(PlistDate { seconds + microseconds / 1e6 });
+            // libplist cuts the seconds toward zero and gives the fraction
+            // without its sign: before the reference date it counts back.
+            // (Within the second before it, the sign is lost: read as after.)
+            double fraction = std::fabs(double(microseconds)) / 1e6;
+            return PlistValue(PlistDate { seconds < 0 ? seconds - fraction : seconds + fraction });
         }
         case PLIST_ARRAY:
             return arrayFromNode(node);
