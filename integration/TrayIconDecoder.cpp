@@ -166,12 +166,12 @@ std::optional<TrayIcon> createIconWithData(std::vector<uint8_t>& record, const T
     if (!__builtin_mul_overflow(uint64_t(width), uint64_t(height), &pixelCount)
         && !__builtin_mul_overflow(pixelCount, uint64_t(bytesPerPixel), &colourNeeded)
         && colourNeeded <= cbColourBytes) {
-        const size_t rowBytes = size_t(width) * bytesPerPixel;
-        for (uint32_t y = 0; y < height; ++y)
-            for (uint32_t x = 0; x < width; ++x) {
-                uint8_t* pixel = colour + y * rowBytes + x * bytesPerPixel;
-                std::swap(pixel[0], pixel[2]);
-            }
+        // Rows are unpadded, so the pixels follow one another; counted as
+        // pixels, a width of 0 does not spin through billions of empty rows.
+        for (uint64_t i = 0; i < pixelCount; ++i) {
+            uint8_t* pixel = colour + i * bytesPerPixel;
+            std::swap(pixel[0], pixel[2]);
+        }
     }
 
     uint8_t* const colourEnd = colour + cbColourBytes;

@@ -84,11 +84,19 @@ Menu loadBundleMenu(const std::filesystem::path& bundlePath)
     if (!std::filesystem::exists(file, error))
         return defaultMenu();
     auto list = readPropertyListFile(file);
-    if (!list || !list->asArray()) {
+    std::optional<Menu> menu = list ? menuFromPropertyList(*list) : std::nullopt;
+    if (!menu) {
         VTLog("the menu file %@ is not an array of items; using the default menu", file);
         return defaultMenu();
     }
-    return Menu { itemsFrom(*list->asArray()) };
+    return std::move(*menu);
+}
+
+std::optional<Menu> menuFromPropertyList(const PlistValue& list)
+{
+    if (!list.asArray())
+        return std::nullopt;
+    return Menu { itemsFrom(*list.asArray()) };
 }
 
 } // namespace vt

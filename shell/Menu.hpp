@@ -32,9 +32,14 @@ struct Menu {
     std::vector<MenuItem> items;
 };
 
+struct PlistValue;
+
 // The menu of the bundle at `bundlePath`. A missing or unreadable menu file
 // gives the default: one item "Quit %@" with the action "quit".
 Menu loadBundleMenu(const std::filesystem::path& bundlePath);
+// The menu a parsed menu file describes: one item per dictionary in its
+// array, anything else in it skipped; nothing when it is no array.
+std::optional<Menu> menuFromPropertyList(const PlistValue& list);
 Menu defaultMenu();
 
 // Replaces every `pattern` in the titles of `menu`, at every depth, with

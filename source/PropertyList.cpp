@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
@@ -57,6 +58,18 @@ namespace {
         return PlistValue(std::move(array));
     }
 
+    // libplist ends the process when asked for the text of a key that holds
+    // a NUL, which a binary list can encode; its XML writer shows the key whole.
+    bool keyHoldsNul(plist_t key)
+    {
+        char* xml = nullptr;
+        uint32_t length = 0;
+        plist_to_xml(key, &xml, &length);
+        bool nul = !xml || std::memchr(xml, '\0', length);
+        plist_to_xml_free(xml);
+        return nul;
+    }
+
     std::optional<PlistValue> dictFromNode(plist_t node)
     {
         PlistDict dict;
@@ -66,7 +79,11 @@ namespace {
         std::unique_ptr<char, MallocFree> key;
         for (uint32_t i = 0; i < size; ++i) {
             plist_t item = nullptr;
-            plist_dict_next_item(node, iterator.get(), outPtr(key), &item);
+            plist_dict_next_item(node, iterator.get(), nullptr, &item);
+            plist_t keyNode = item ? plist_dict_item_get_key(item) : nullptr;
+            if (!keyNode || keyHoldsNul(keyNode))
+                return std::nullopt;
+            plist_get_key_val(keyNode, outPtr(key));
             if (!key
                 || !addItem(item, [&](PlistValue& value) { dict.insert_or_assign(key.get(), std::move(value)); }))
                 return std::nullopt;
@@ -107,7 +124,11 @@ namespace {
         case PLIST_DATE: {
             int32_t seconds = 0, microseconds = 0;
             plist_get_date_val(node, &seconds, &microseconds);
-            return PlistValue(PlistDate { seconds + microseconds / 1e6 });
+            // libplist cuts the seconds toward zero and gives the fraction
+            // without its sign: before the reference date it counts back.
+            // (Within the second before it, the sign is lost: read as after.)
+            double fraction = std::fabs(double(microseconds)) / 1e6;
+            return PlistValue(PlistDate { seconds < 0 ? seconds - fraction : seconds + fraction });
         }
         case PLIST_ARRAY:
             return arrayFromNode(node);
@@ -134,8 +155,11 @@ namespace {
                 } else if constexpr (std::is_same_v<T, PlistData>) {
                     return plist_new_data(reinterpret_cast<const char*>(v.data()), v.size());
                 } else if constexpr (std::is_same_v<T, PlistDate>) {
-                    double whole = std::floor(v.secondsSinceReferenceDate);
-                    auto micro = static_cast<int32_t>(std::lround((v.secondsSinceReferenceDate - whole) * 1e6));
+                    // libplist holds whole seconds in 32 bits: a date beyond
+                    // them is written as the nearest one it can hold.
+                    double seconds = std::isnan(v.secondsSinceReferenceDate) ? 0 : v.secondsSinceReferenceDate;
+                    double whole = std::clamp(std::floor(seconds), double(INT32_MIN), double(INT32_MAX));
+                    auto micro = static_cast<int32_t>(std::lround(std::clamp(seconds - whole, 0.0, 0.999999) * 1e6));
                     return plist_new_date(static_cast<int32_t>(whole), micro);
                 } else if constexpr (std::is_same_v<T, PlistArray>) {
                     plist_t array = plist_new_array();
