@@ -78,57 +78,50 @@ protected:
 // ---------------------------------------------------------------------------
 // The helper server after start-up.
 
+// Killed, alive without its name, or hung (SIGKILL, SIGUSR1, SIGUSR2).
 class VanishingHelperServer : public Hostile, public ::testing::WithParamInterface<int> {};
 
-TEST_P(VanishingHelperServer, EveryLaterRequestFailsWithALineAndTheLauncherGoesOn)
+TEST_P(VanishingHelperServer, EveryLaterRequestFailsInBoundedTimeWithALineAndTheLauncherGoesOn)
 {
+    const bool hung = GetParam() == SIGUSR2;
     w.startHelperServer();
     auto& launcher = launch();
-    // Killed, or alive without its name: either way nobody answers the name.
     w.signalHelperServer(GetParam());
-    ASSERT_TRUE(waitUntil([&] { return !w.bus.hasOwner(vt::kHelperServerBusName); }));
+    ASSERT_TRUE(waitUntil([&] { return hung || !w.bus.hasOwner(vt::kHelperServerBusName); }));
 
+    auto asked = Clock::now();
     launchAgain({ (w.dir / "letter.odt").string() });
     ASSERT_TRUE(w.waitForLog("/vtmenu for bottle Office: the Vantor helper server gave no environment "
                              "(GetEnvironmentForXConnection: "))
         << w.launcherLog();
+    EXPECT_LT(Clock::now() - asked, vt::kHelperServerCallTimeout + 8s);
+    if (hung) {
+        EXPECT_GE(Clock::now() - asked, vt::kHelperServerCallTimeout);
+        EXPECT_NE(w.launcherLog().find("Timeout was reached"), std::string::npos) << w.launcherLog();
+    }
     EXPECT_EQ(w.records.tools("vtmenu").size(), 1u);
 
+    // A raise is one-way: only a server without its name can be noticed.
+    // The windows are asked about all the same.
+    size_t seen = w.records.commandTexts().size() + 1;
     launchAgain({});
-    ASSERT_TRUE(w.waitForLog("Cannot ask the Vantor helper server to raise the program's windows: "
-                             "RaiseWindowsWithTag: nobody owns com.tallowmere.Vantor.HelperServer any more."))
-        << w.launcherLog();
-    EXPECT_TRUE(launcher.running());
+    ASSERT_TRUE(w.records.waitFor("request", seen)) << w.launcherLog();
+    const std::string raise = "Cannot ask the Vantor helper server to raise the program's windows: "
+                              "RaiseWindowsWithTag: nobody owns com.tallowmere.Vantor.HelperServer any more.";
 
     // The end of session needs only the window-command tool.
-    size_t seen = w.records.commandTexts().size();
     launcher.signal(SIGTERM);
     EXPECT_EQ(launcher.waitForExit(), 0) << w.launcherLog();
     EXPECT_EQ(commandsAfter(seen), (Strings { "close", "queryendsession", "endsession", "shutdown" }));
+    EXPECT_EQ(occurrences(w.launcherLog(), raise), hung ? 0u : 1u);
 }
 
-INSTANTIATE_TEST_SUITE_P(KilledOrNameLost, VanishingHelperServer, ::testing::Values(SIGKILL, SIGUSR1),
-                         [](const auto& info) { return std::string(info.param == SIGKILL ? "Killed" : "NameLost"); });
-
-TEST_F(Hostile, AHelperServerThatHangsCostsEachCallItsTimeOutAndNoMore)
-{
-    w.startHelperServer();
-    auto& launcher = launch();
-    w.signalHelperServer(SIGUSR2);
-
-    auto asked = Clock::now();
-    launchAgain({ (w.dir / "letter.odt").string() });
-    ASSERT_TRUE(w.waitForLog("the Vantor helper server gave no environment (GetEnvironmentForXConnection: ")) << w.launcherLog();
-    auto waited = Clock::now() - asked;
-    EXPECT_GE(waited, vt::kHelperServerCallTimeout);
-    EXPECT_LT(waited, vt::kHelperServerCallTimeout + 8s);
-    EXPECT_NE(w.launcherLog().find("Timeout was reached"), std::string::npos) << w.launcherLog();
-
-    size_t seen = w.records.commandTexts().size();
-    launcher.signal(SIGTERM);
-    EXPECT_EQ(launcher.waitForExit(), 0) << w.launcherLog();
-    EXPECT_EQ(commandsAfter(seen).size(), 4u);
-}
+INSTANTIATE_TEST_SUITE_P(AfterStartUp, VanishingHelperServer, ::testing::Values(SIGKILL, SIGUSR1, SIGUSR2),
+                         [](const auto& info) {
+                             return std::string(info.param == SIGKILL ? "Killed"
+                                                    : info.param == SIGUSR1 ? "NameLost"
+                                                                            : "Hung");
+                         });
 
 TEST_F(Hostile, AHelperServerThatHangsDuringStartUpEndsTheLauncherAsAVanishedOne)
 {
@@ -440,6 +433,13 @@ TEST_F(Hostile, ALauncherWithAMenuTenThousandLevelsDeepShowsItsDefaultMenu)
 
 namespace {
 
+// The address sanitizer keeps what is freed in quarantine, hundreds of MiB.
+#ifdef __SANITIZE_ADDRESS__
+constexpr bool kResidentSizeMeans = false;
+#else
+constexpr bool kResidentSizeMeans = true;
+#endif
+
 size_t residentKibibytes(pid_t pid)
 {
     std::ifstream status("/proc/" + std::to_string(pid) + "/status");
@@ -522,6 +522,8 @@ TEST_F(Hostile, AThousandConcurrentTraySendersAndASilentOneLoseNothingAndKeepThe
     EXPECT_EQ(::recv(silent.get(), &byte, 1, MSG_DONTWAIT), 0) << "the launcher has closed it";
 
     const size_t after = residentKibibytes(launcher.pid());
-    EXPECT_LT(after, before + 4096) << "RSS before " << before << " KiB, after " << after << " KiB";
+    if (kResidentSizeMeans) {
+        EXPECT_LT(after, before + 4096) << "RSS before " << before << " KiB, after " << after << " KiB";
+    }
     EXPECT_TRUE(launcher.running());
 }
