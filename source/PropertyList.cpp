@@ -53,7 +53,8 @@ namespace {
         uint32_t size = plist_array_get_size(node);
         array.reserve(size);
         for (uint32_t i = 0; i < size; ++i) {
-            if (!addItem(plist_array_get_item(node, i), depth + 1, [&](PlistValue& value) { array.push_back(std::move(value)); }))
+            auto append = [&](PlistValue& value) { array.push_back(std::move(value)); };
+            if (!addItem(plist_array_get_item(node, i), depth + 1, append))
                 return std::nullopt;
         }
         return PlistValue(std::move(array));
@@ -70,7 +71,8 @@ namespace {
             plist_t item = nullptr;
             plist_dict_next_item(node, iterator.get(), outPtr(key), &item);
             if (!key
-                || !addItem(item, depth + 1, [&](PlistValue& value) { dict.insert_or_assign(key.get(), std::move(value)); }))
+                || !addItem(item, depth + 1,
+                            [&](PlistValue& value) { dict.insert_or_assign(key.get(), std::move(value)); }))
                 return std::nullopt;
         }
         return PlistValue(std::move(dict));

@@ -50,9 +50,9 @@ protected:
 
     // Starts the launcher and waits until the window-command tool and the
     // program run and the launch's own activation has asked for windows.
-    TestProcess& launch(const EnvironmentChanges& extra = {})
+    TestProcess& launch()
     {
-        TestProcess& launcher = w.startLauncher({}, extra);
+        TestProcess& launcher = w.startLauncher();
         EXPECT_TRUE(w.records.waitForTools(2)) << w.launcherLog();
         EXPECT_TRUE(w.records.waitFor("request", 1)) << w.launcherLog();
         return launcher;
@@ -61,8 +61,7 @@ protected:
     // A second launch of the bundle, forwarded to the running launcher.
     void launchAgain(const Strings& arguments)
     {
-        size_t run = m_runs++;
-        EXPECT_EQ(w.startLauncher(arguments).waitForExit(), 0) << w.launcherLog(run + 1);
+        EXPECT_EQ(w.startLauncher(arguments).waitForExit(), 0) << w.launcherLog(++runs);
     }
 
     Strings commandsAfter(size_t skip) const
@@ -72,7 +71,7 @@ protected:
     }
 
     StandinWorld w;
-    size_t m_runs = 0;
+    size_t runs = 0; // the launcher's runs after the first
 };
 
 // ---------------------------------------------------------------------------

@@ -384,7 +384,8 @@ TEST_F(LaunchNotifySocketTest, RunningOutOfDescriptorsOnAcceptIsSaidOnceAndServi
 
     ASSERT_TRUE(callsReach(2 + 6));
     const std::string text = log.text();
-    const std::string line = "Cannot accept a connection on the launchnotifysocket.  errno = " + std::to_string(EMFILE) + ".\n";
+    const std::string line
+        = "Cannot accept a connection on the launchnotifysocket.  errno = " + std::to_string(EMFILE) + ".\n";
     EXPECT_NE(text.find(line), std::string::npos) << text;
     EXPECT_EQ(text.find(line), text.rfind(line)) << "said once per episode:\n" << text;
     for (int i = 0; i < 3; ++i)
