@@ -321,7 +321,8 @@ void VTFBHelperDelegate::applicationDidBecomeActive()
         try {
             m_helperServerProxy->raiseWindowsWithTag(windowTag());
         } catch (const HelperServerError& error) {
-            VTLog("raising the tagged windows failed: %s", error.what());
+            // The window commands below go on without it.
+            platformLog("Cannot ask the Vantor helper server to raise the program's windows: %s.", error.what());
         }
     }
     if (m_windowCommands.sendMessageToTaggedWindows("haswindows")) {

@@ -121,7 +121,10 @@ std::unique_ptr<VTTask> WindowsProgram::createWineTaskWithLaunchPath(
     try {
         environment = m_helperServer->getEnvironmentForXConnection();
     } catch (const HelperServerError& error) {
-        VTLog("no process for %@: the Vantor helper server gave no environment (%s)", *launchPath, error.what());
+        // After start-up the server may have gone or hung; nothing else
+        // says so, and the opening it was made for comes to nothing.
+        platformLog("Cannot start %@ for bottle %@: the Vantor helper server gave no environment (%s).", *launchPath,
+                    m_settings.bottleName.value_or("(none)"), error.what());
         return nullptr;
     }
     // Our own variables come last, so they win over the server's.

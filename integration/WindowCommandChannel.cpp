@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 
 #include <unistd.h>
 
@@ -94,8 +95,13 @@ bool WindowCommandChannel::sendMessageToTaggedWindows(const std::string& text)
 
     std::string identifier = formatMessage("helperDelegateCommand%d", m_commandID++);
     std::string request = windowCommandRequest(windowTag(), identifier, text);
-    // A failed write (the tool has gone) shows up as a missing answer below.
-    writeAll(m_task->standardInputWriter().get(), request.data(), request.size());
+    // A tool that has gone, or closed its input, takes no request (EPIPE;
+    // the launcher ignores SIGPIPE) and will send no answer: waiting for one
+    // could last for ever if it still holds its output open.
+    if (!writeAll(m_task->standardInputWriter().get(), request.data(), request.size())) {
+        platformLog("The window-command tool did not take %@ (%@): %s.\n", identifier, text, std::strerror(errno));
+        return false;
+    }
 
     std::string answer = readOnce(m_task->standardOutputReader().get());
     if (auto result = parseWindowCommandAnswer(answer, identifier))

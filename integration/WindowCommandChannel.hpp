@@ -54,8 +54,11 @@ public:
 
     // Sends one command and waits, without limit, for its answer; true when
     // the tool confirms it. False without a tool or its pipes (nothing is
-    // written then), and on a mismatch, which is logged. Commands go strictly
-    // one at a time, so one read is the whole answer.
+    // written then), when the request cannot be written (the tool has gone
+    // or closed its input; nothing is read then), and on a mismatch (an
+    // answer cut short, or none because the tool ended); the last two are
+    // logged. Commands go strictly one at a time, so one read is the whole
+    // answer.
     bool sendMessageToTaggedWindows(const std::string& text);
 
     const VTTask* task() const { return m_task.get(); }

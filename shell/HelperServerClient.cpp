@@ -1,9 +1,28 @@
 #include "shell/HelperServerClient.hpp"
 
+#include <optional>
+
 #include "base/VTLog.hpp"
 #include "base/posix_glue.hpp"
 
 namespace vt {
+
+namespace {
+    // Whether the server's name has an owner now; nothing is started for it.
+    // Empty when the bus cannot tell.
+    std::optional<bool> nameHasOwner(GDBusConnection* connection, GErrorHolder& error)
+    {
+        GPtr<GVariant> reply = adopt(g_dbus_connection_call_sync(
+            connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "NameHasOwner",
+            g_variant_new("(s)", kHelperServerBusName), G_VARIANT_TYPE("(b)"), G_DBUS_CALL_FLAGS_NO_AUTO_START,
+            static_cast<int>(kHelperServerCallTimeout.count()), nullptr, error));
+        if (!reply)
+            return std::nullopt;
+        gboolean owned = FALSE;
+        g_variant_get(reply.get(), "(b)", &owned);
+        return owned;
+    }
+} // namespace
 
 std::unique_ptr<HelperServerClient> HelperServerClient::lookUp()
 {
@@ -15,17 +34,12 @@ std::unique_ptr<HelperServerClient> HelperServerClient::lookUp()
     }
     // Only ask whether the name is owned: the bus must not start a server for
     // us, because the main application brings up its own.
-    GPtr<GVariant> reply = adopt(g_dbus_connection_call_sync(
-        connection.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
-        "NameHasOwner", g_variant_new("(s)", kHelperServerBusName), G_VARIANT_TYPE("(b)"),
-        G_DBUS_CALL_FLAGS_NO_AUTO_START, -1, nullptr, error));
-    if (!reply) {
+    std::optional<bool> owned = nameHasOwner(connection.get(), error);
+    if (!owned) {
         VTLog("could not ask the session bus for the helper server: %@", error.message());
         return nullptr;
     }
-    gboolean owned = FALSE;
-    g_variant_get(reply.get(), "(b)", &owned);
-    if (!owned)
+    if (!*owned)
         return nullptr;
     return std::make_unique<HelperServerClient>(std::move(connection));
 }
@@ -43,7 +57,8 @@ GPtr<GVariant> HelperServerClient::call(const char* method, GVariant* parameters
     GErrorHolder error;
     GPtr<GVariant> reply = adopt(g_dbus_connection_call_sync(
         m_connection.get(), kHelperServerBusName, kHelperServerObjectPath, kHelperServerInterface, method,
-        parameters, replyType, G_DBUS_CALL_FLAGS_NO_AUTO_START, -1, nullptr, error));
+        parameters, replyType, G_DBUS_CALL_FLAGS_NO_AUTO_START, static_cast<int>(kHelperServerCallTimeout.count()),
+        nullptr, error));
     if (!reply)
         throw HelperServerError(std::string(method) + ": " + error.message());
     return reply;
@@ -85,6 +100,14 @@ bool HelperServerClient::isServerReadyForBottle(const std::string& bottleName)
 
 void HelperServerClient::raiseWindowsWithTag(int64_t tag)
 {
+    // Nobody answers a one-way call, not even the bus when the name has no
+    // owner: ask the bus first, so that a server that has gone is noticed.
+    GErrorHolder ownerError;
+    std::optional<bool> owned = nameHasOwner(m_connection.get(), ownerError);
+    if (!owned)
+        throw HelperServerError(std::string("RaiseWindowsWithTag: ") + ownerError.message());
+    if (!*owned)
+        throw HelperServerError("RaiseWindowsWithTag: nobody owns " + std::string(kHelperServerBusName) + " any more");
     GPtr<GDBusMessage> message = adopt(g_dbus_message_new_method_call(
         kHelperServerBusName, kHelperServerObjectPath, kHelperServerInterface, "RaiseWindowsWithTag"));
     g_dbus_message_set_body(message.get(), g_variant_new("(x)", static_cast<gint64>(tag)));

@@ -7,6 +7,7 @@
 // connection threads afterwards, concurrently.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -21,8 +22,15 @@ inline constexpr const char* kHelperServerBusName = "com.tallowmere.Vantor.Helpe
 inline constexpr const char* kHelperServerObjectPath = "/com/tallowmere/Vantor/HelperServer";
 inline constexpr const char* kHelperServerInterface = "com.tallowmere.Vantor.HelperServer";
 
-// A call that the bus or the server refused, or a server that went away in
-// the middle of it. The message names the method and carries the D-Bus error.
+// How long a call waits for the server's answer. It answers from memory, in
+// a millisecond; one that takes this long has hung, and the caller (the main
+// thread, during start-up and whenever a process is made) must not hang with
+// it. Far below GDBus's own 25 seconds.
+inline constexpr std::chrono::milliseconds kHelperServerCallTimeout { 2000 };
+
+// A call that the bus or the server refused, a server that went away in the
+// middle of it or gave no answer in time. The message names the method and
+// carries the D-Bus error.
 class HelperServerError : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;
@@ -48,7 +56,8 @@ public:
     bool isServerReady();
     bool isServerReadyForBottle(const std::string& bottleName);
     // One-way: sent without waiting for the server, which does not answer.
-    // Throws only when the message cannot be sent at all.
+    // Throws when nobody owns the server's name (asked of the bus) or the
+    // message cannot be sent at all.
     void raiseWindowsWithTag(int64_t tag);
 
 private:

@@ -1,54 +1,86 @@
 #include "shell/Menu.hpp"
 
-#include "base/VTLog.hpp"
+#include "base/PlatformLog.hpp"
 #include "source/PropertyList.hpp"
 
 namespace vt {
 
 namespace {
-    std::vector<MenuItem> itemsFrom(const PlistArray& array);
-
-    std::optional<MenuItem> itemFrom(const PlistValue& value)
-    {
-        const PlistDict* dict = value.asDict();
-        if (!dict)
-            return std::nullopt;
-        MenuItem item;
-        if (const PlistValue* separator = value.find("separator"); separator && separator->asBool())
-            item.separator = *separator->asBool();
-        if (item.separator)
-            return item;
-        if (const PlistValue* title = value.find("title"); title && title->asString())
-            item.title = *title->asString();
-        // An attributed title: its text and, as strings, its attributes.
-        if (const PlistValue* attributed = value.find("attributedTitle"); attributed && attributed->asDict()) {
-            AttributedTitle title;
-            for (const auto& [key, attribute] : *attributed->asDict()) {
-                if (!attribute.asString())
-                    continue;
-                if (key == "text")
-                    title.text = *attribute.asString();
-                else
-                    title.attributes[key] = *attribute.asString();
+    // Builds the menu from the file's items, within the limits on its depth
+    // and its number of items; `problem` says which one it went beyond.
+    class MenuReader {
+    public:
+        std::optional<std::vector<MenuItem>> itemsFrom(const PlistArray& array, size_t depth)
+        {
+            // The status item's menu and its exporter walk the menu
+            // recursively too, on their threads.
+            if (depth > kMaximumMenuDepth) {
+                problem = "its submenus go deeper than " + std::to_string(kMaximumMenuDepth) + " levels";
+                return std::nullopt;
             }
-            item.attributedTitle = std::move(title);
+            std::vector<MenuItem> items;
+            for (const auto& value : array) {
+                if (m_items == kMaximumMenuItems) {
+                    problem = "it holds more than " + std::to_string(kMaximumMenuItems) + " items";
+                    return std::nullopt;
+                }
+                std::optional<MenuItem> item;
+                if (!itemFrom(value, depth, item))
+                    return std::nullopt;
+                if (item) {
+                    ++m_items;
+                    items.push_back(std::move(*item));
+                }
+            }
+            return items;
         }
-        if (const PlistValue* action = value.find("action"); action && action->asString())
-            item.action = *action->asString();
-        if (const PlistValue* submenu = value.find("submenu"); submenu && submenu->asArray())
-            item.submenu = std::make_shared<Menu>(Menu { itemsFrom(*submenu->asArray()) });
-        return item;
-    }
 
-    std::vector<MenuItem> itemsFrom(const PlistArray& array)
-    {
-        std::vector<MenuItem> items;
-        for (const auto& value : array) {
-            if (auto item = itemFrom(value))
-                items.push_back(std::move(*item));
+        std::string problem;
+
+    private:
+        // False when a limit is reached; `item` stays empty for a value
+        // that is no item.
+        bool itemFrom(const PlistValue& value, size_t depth, std::optional<MenuItem>& result)
+        {
+            const PlistDict* dict = value.asDict();
+            if (!dict)
+                return true;
+            MenuItem item;
+            if (const PlistValue* separator = value.find("separator"); separator && separator->asBool())
+                item.separator = *separator->asBool();
+            if (item.separator) {
+                result = std::move(item);
+                return true;
+            }
+            if (const PlistValue* title = value.find("title"); title && title->asString())
+                item.title = *title->asString();
+            // An attributed title: its text and, as strings, its attributes.
+            if (const PlistValue* attributed = value.find("attributedTitle"); attributed && attributed->asDict()) {
+                AttributedTitle title;
+                for (const auto& [key, attribute] : *attributed->asDict()) {
+                    if (!attribute.asString())
+                        continue;
+                    if (key == "text")
+                        title.text = *attribute.asString();
+                    else
+                        title.attributes[key] = *attribute.asString();
+                }
+                item.attributedTitle = std::move(title);
+            }
+            if (const PlistValue* action = value.find("action"); action && action->asString())
+                item.action = *action->asString();
+            if (const PlistValue* submenu = value.find("submenu"); submenu && submenu->asArray()) {
+                auto items = itemsFrom(*submenu->asArray(), depth + 1);
+                if (!items)
+                    return false;
+                item.submenu = std::make_shared<Menu>(Menu { std::move(*items) });
+            }
+            result = std::move(item);
+            return true;
         }
-        return items;
-    }
+
+        size_t m_items = 0;
+    };
 } // namespace
 
 void replaceInMenuTitles(Menu& menu, std::string_view pattern, const std::string& replacement)
@@ -83,20 +115,32 @@ Menu loadBundleMenu(const std::filesystem::path& bundlePath)
     std::error_code error;
     if (!std::filesystem::exists(file, error))
         return defaultMenu();
-    auto list = readPropertyListFile(file);
-    std::optional<Menu> menu = list ? menuFromPropertyList(*list) : std::nullopt;
+    // One line, whatever is wrong: the launcher works on with its own menu.
+    std::string problem;
+    auto list = readPropertyListFile(file, &problem, kMaximumMenuFileSize);
+    std::optional<Menu> menu = list ? menuFromPropertyList(*list, &problem) : std::nullopt;
     if (!menu) {
-        VTLog("the menu file %@ is not an array of items; using the default menu", file);
+        platformLog("The menu file %@ is not used: %s; the launcher shows its default menu.", file, problem);
         return defaultMenu();
     }
     return std::move(*menu);
 }
 
-std::optional<Menu> menuFromPropertyList(const PlistValue& list)
+std::optional<Menu> menuFromPropertyList(const PlistValue& list, std::string* problem)
 {
-    if (!list.asArray())
+    if (!list.asArray()) {
+        if (problem)
+            *problem = "it is not an array of items";
         return std::nullopt;
-    return Menu { itemsFrom(*list.asArray()) };
+    }
+    MenuReader reader;
+    auto items = reader.itemsFrom(*list.asArray(), 1);
+    if (!items) {
+        if (problem)
+            *problem = reader.problem;
+        return std::nullopt;
+    }
+    return Menu { std::move(*items) };
 }
 
 } // namespace vt

@@ -69,15 +69,31 @@ struct PlistValue {
     Storage storage;
 };
 
-// Parses an XML or a binary property list. Anything malformed, truncated or
-// larger than the format allows gives an empty optional.
-std::optional<PlistValue> parsePropertyList(const void* bytes, size_t length);
+// What a property list may cost, far beyond what any bundle's or settings'
+// list needs. A list beyond them is refused before libplist sees it: its
+// binary reader recurses once per level (a few ten thousand levels overrun
+// the main thread's stack) and expands an object that is referred to twice
+// twice over (a list of a hundred bytes can stand for a billion values).
+// Containers within containers:
+inline constexpr size_t kMaximumPropertyListDepth = 128;
+// Values, each use of a shared one in a binary list counted:
+inline constexpr size_t kMaximumPropertyListValues = size_t(1) << 18;
+// The size of a file that readPropertyListFile reads unless told otherwise:
+inline constexpr uint64_t kMaximumPropertyListFileSize = uint64_t(16) << 20;
 
-// Reads and parses a regular file; a missing, unreadable or non-regular file
-// gives an empty optional, like malformed contents. `problem`, when given,
-// then says what is wrong, for a person: "it does not exist", "it is not a
-// property list".
-std::optional<PlistValue> readPropertyListFile(const std::filesystem::path& path, std::string* problem = nullptr);
+// Parses an XML or a binary property list. Anything malformed, truncated,
+// larger than the format allows or beyond the limits above gives an empty
+// optional; `problem`, when given, then says what is wrong, for a person:
+// "it is not a property list", "it is nested deeper than 128 levels".
+std::optional<PlistValue> parsePropertyList(const void* bytes, size_t length, std::string* problem = nullptr);
+
+// Reads and parses a regular file of at most `maximumSize` bytes; a missing,
+// unreadable, non-regular or larger file gives an empty optional, like
+// malformed contents. `problem`, when given, then says what is wrong, for a
+// person: "it does not exist", "it is larger than 1048576 bytes", "it is not
+// a property list".
+std::optional<PlistValue> readPropertyListFile(const std::filesystem::path& path, std::string* problem = nullptr,
+                                               uint64_t maximumSize = kMaximumPropertyListFileSize);
 
 // The value as an XML or a binary property list document.
 std::string toXmlPropertyList(const PlistValue& value);

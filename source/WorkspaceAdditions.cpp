@@ -30,14 +30,26 @@ namespace {
         return adopt(g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, error));
     }
 
+    // How long the main thread waits for the main application (or the bus)
+    // to answer. Its answers change little (whether it was told, whether it
+    // came forward) and the request stays queued for it either way, so a
+    // main application that hangs costs the launcher this, not GDBus's 25
+    // seconds, each time it is asked.
+    constexpr int kCallTimeoutMilliseconds = 1000;
+
     // The running main application is only ever asked, never started by the
     // bus: starting it is our decision, with our rules.
     GPtr<GVariant> call(GDBusConnection* bus, const char* destination, const char* path, const char* interface,
                         const char* method, GVariant* parameters, const GVariantType* replyType)
     {
         GErrorHolder error;
-        return adopt(g_dbus_connection_call_sync(bus, destination, path, interface, method, parameters, replyType,
-                                                 G_DBUS_CALL_FLAGS_NO_AUTO_START, -1, nullptr, error));
+        GPtr<GVariant> reply = adopt(g_dbus_connection_call_sync(bus, destination, path, interface, method, parameters,
+                                                                 replyType, G_DBUS_CALL_FLAGS_NO_AUTO_START,
+                                                                 kCallTimeoutMilliseconds, nullptr, error));
+        if (!reply && g_error_matches(error.get(), G_IO_ERROR, G_IO_ERROR_TIMED_OUT))
+            platformLog("%s did not answer %s within %d ms; the launcher goes on without its answer.", destination,
+                        method, kCallTimeoutMilliseconds);
+        return reply;
     }
 
     std::optional<std::filesystem::path> bundleOfProcess(uint32_t pid)

@@ -1,6 +1,8 @@
 // The launch-notify socket over real sockets in this process: what each
 // message does to the tray, every malformed message logged as it stands and
 // harmless to the next, other users refused, and order kept under load.
+#include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -284,18 +286,126 @@ TEST_F(LaunchNotifySocketTest, AnotherUserIsRefusedBeforeAnythingIsRead)
     EXPECT_EQ(receiver.whats(), (std::vector<std::string> { "delete", "badges" }));
 }
 
-TEST_F(LaunchNotifySocketTest, ASenderThatNeverWritesDoesNotHoldTheWatcher)
+TEST_F(LaunchNotifySocketTest, SilentSendersHoldNobodyAndAreDroppedAtTheirDeadline)
 {
     socket.monitorFeedbackSocket();
-    Fd silent(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     const sockaddr_un address = addressOf(socket.launchNotifySocketName());
-    ASSERT_EQ(::connect(silent.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    std::vector<Fd> silent;
+    for (int i = 0; i < 3; ++i) {
+        silent.emplace_back(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        ASSERT_EQ(::connect(silent.back().get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    }
+    const auto connected = std::chrono::steady_clock::now();
 
+    // Served at once, while the silent ones wait for their deadline.
     ASSERT_TRUE(standin::sendTrayBytes(socket.launchNotifySocketName(), message(kTrayOperationAdd, record(1, 1))));
-    ASSERT_TRUE(callsReach(2, 15s));
+    ASSERT_TRUE(callsReach(2));
+    EXPECT_LT(std::chrono::steady_clock::now() - connected, LaunchNotifySocket::kReceiveTimeout);
+    EXPECT_FALSE(logged(kUnexpected + "Read message 0.\n"));
+
+    auto count = [&](const std::string& line) {
+        size_t n = 0;
+        for (size_t at = log.text().find(line); at != std::string::npos; at = log.text().find(line, at + 1))
+            ++n;
+        return n;
+    };
+    ASSERT_TRUE(waitUntil([&] { return count(kUnexpected + "Read message 0.\n") == 3; }));
+    EXPECT_GE(std::chrono::steady_clock::now() - connected, LaunchNotifySocket::kReceiveTimeout);
+    EXPECT_EQ(count(kUnexpected + "Not enough data.\n"), 3u);
     EXPECT_EQ(receiver.whats(), (std::vector<std::string> { "add", "badges" }));
-    EXPECT_TRUE(logged(kUnexpected + "Not enough data.\n"));
-    EXPECT_TRUE(logged(kUnexpected + "Read message 0.\n"));
+    // The launcher has closed its ends.
+    for (const Fd& fd : silent) {
+        char byte;
+        EXPECT_EQ(::recv(fd.get(), &byte, 1, MSG_DONTWAIT), 0);
+    }
+}
+
+TEST_F(LaunchNotifySocketTest, AFloodWaitsForTheMainThreadWithinItsBoundsAndLosesNothing)
+{
+    // The main loop does not run at first: the watcher may read only so
+    // much ahead of it, and the senders beyond that wait in the backlog.
+    constexpr int kSenders = 200;
+    socket.monitorFeedbackSocket();
+    std::atomic<int> sent = 0, failures = 0;
+    std::vector<std::thread> senders;
+    for (int sender = 0; sender < kSenders; ++sender) {
+        senders.emplace_back([&, sender] {
+            if (standin::sendTrayBytes(socket.launchNotifySocketName(), message(kTrayOperationAdd, record(sender, 0))))
+                ++sent;
+            else
+                ++failures;
+        });
+    }
+    const auto started = std::chrono::steady_clock::now();
+    while (sent < int(LaunchNotifySocket::kMaxInFlight) && std::chrono::steady_clock::now() - started < 10s)
+        std::this_thread::sleep_for(10ms);
+    // What is in flight, what is open and what waits un-accepted (a backlog
+    // of 5 lets 6 in); nothing more can have been written.
+    std::this_thread::sleep_for(300ms);
+    EXPECT_LE(sent, int(LaunchNotifySocket::kMaxInFlight + LaunchNotifySocket::kMaxOpenConnections + 6));
+    EXPECT_GE(sent, int(LaunchNotifySocket::kMaxInFlight));
+    EXPECT_TRUE(receiver.calls.empty());
+
+    EXPECT_TRUE(callsReach(2 * kSenders, 30s));
+    for (auto& sender : senders)
+        sender.join();
+    EXPECT_EQ(failures, 0);
+    EXPECT_EQ(receiver.calls.size(), size_t(2 * kSenders));
+}
+
+TEST_F(LaunchNotifySocketTest, RunningOutOfDescriptorsOnAcceptIsSaidOnceAndServingGoesOn)
+{
+    socket.monitorFeedbackSocket();
+    ASSERT_TRUE(standin::sendTrayBytes(socket.launchNotifySocketName(), message(kTrayOperationAdd, record(1, 1))));
+    ASSERT_TRUE(callsReach(2));
+    const sockaddr_un address = addressOf(socket.launchNotifySocketName());
+    std::vector<Fd> senders;
+    for (int i = 0; i < 3; ++i)
+        senders.emplace_back(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    // The log, opened now: reading it later would need a descriptor.
+    Fd logFile(::open("/proc/self/fd/2", O_RDONLY | O_CLOEXEC));
+    ASSERT_TRUE(logFile);
+    const std::string line
+        = "Cannot accept a connection on the launchnotifysocket.  errno = " + std::to_string(EMFILE) + ".\n";
+    auto refusals = [&] {
+        std::string text(1 << 16, '\0');
+        ssize_t count = ::pread(logFile.get(), text.data(), text.size(), 0);
+        text.resize(size_t(std::max<ssize_t>(count, 0)));
+        size_t n = 0;
+        for (size_t at = text.find(line); at != std::string::npos; at = text.find(line, at + 1))
+            ++n;
+        return n;
+    };
+
+    // No descriptor is free from here on: the lowest free number becomes the limit.
+    rlimit saved {};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &saved), 0);
+    Fd probe(::dup(0));
+    rlimit lowered = saved;
+    lowered.rlim_cur = rlim_t(probe.get());
+    probe.reset();
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &lowered), 0);
+    // Connecting needs no new descriptor on this side; accepting does.
+    for (int i = 0; i < 3; ++i) {
+        const Bytes bytes = message(kTrayOperationModify, record(1, 10 + i));
+        bool written = ::connect(senders[i].get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0
+            && writeAll(senders[i].get(), bytes.data(), bytes.size(), true);
+        EXPECT_TRUE(written) << i;
+        senders[i].reset();
+    }
+    // Said at the first refusal, and not again at the tries that follow.
+    const auto started = std::chrono::steady_clock::now();
+    while (refusals() == 0 && std::chrono::steady_clock::now() - started < 10s)
+        std::this_thread::sleep_for(10ms);
+    std::this_thread::sleep_for(5 * 100ms);
+    const size_t said = refusals();
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &saved), 0);
+    EXPECT_EQ(said, 1u);
+
+    ASSERT_TRUE(callsReach(2 + 6));
+    EXPECT_EQ(refusals(), 1u) << log.text();
+    for (int i = 0; i < 3; ++i)
+        EXPECT_EQ(field(receiver.calls[2 + 2 * i].record, kNativeTrayLayout.idOffset), 10 + i);
 }
 
 TEST_F(LaunchNotifySocketTest, AThousandMessagesFromTwentySendersAreAllAppliedEachInItsOrder)

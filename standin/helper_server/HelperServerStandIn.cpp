@@ -85,6 +85,7 @@ HelperServerSettings HelperServerSettings::fromEnvironment()
     HelperServerSettings settings;
     settings.notReadyCount = numberFromEnvironment("VT_STANDIN_NOT_READY").value_or(0);
     settings.goneAfter = numberFromEnvironment("VT_STANDIN_GONE_AFTER");
+    settings.silentAfter = numberFromEnvironment("VT_STANDIN_SILENT_AFTER");
     settings.ownNameDelay = std::chrono::milliseconds(numberFromEnvironment("VT_STANDIN_SERVER_DELAY_MS").value_or(0));
     if (const char* path = std::getenv("VT_STANDIN_SERVER_ENV"))
         settings.environment = readEnvironmentFile(path);
@@ -127,7 +128,14 @@ void HelperServerStandIn::ownName()
                                                            nullptr));
 }
 
-HelperServerStandIn::~HelperServerStandIn() = default;
+void HelperServerStandIn::releaseName() { m_name = {}; }
+
+HelperServerStandIn::~HelperServerStandIn()
+{
+    for (GDBusMethodInvocation* invocation : m_unanswered)
+        g_dbus_method_invocation_return_dbus_error(invocation, "org.freedesktop.DBus.Error.Failed",
+                                                   "the helper server stand-in is ending");
+}
 
 void HelperServerStandIn::handleMethodCall(GDBusConnection*, const char*, const char*, const char*,
                                            const char* methodName, GVariant* parameters,
@@ -165,6 +173,13 @@ void HelperServerStandIn::answer(const std::string& method, GVariant* parameters
         // Vanish the way a crashed server does: no reply, no goodbye. The bus
         // tells the caller that we left without answering.
         _exit(0);
+    }
+
+    if (m_settings.silentAfter && m_readinessAnswers >= *m_settings.silentAfter) {
+        // Hang the way a server stuck in a loop does: the name stays, the
+        // caller waits. The invocation is kept, so it is never finished.
+        m_unanswered.push_back(invocation);
+        return;
     }
 
     if (method == "GetEnvironmentForXConnection") {

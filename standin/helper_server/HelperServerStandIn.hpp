@@ -15,6 +15,9 @@
 //                                 call of any kind is recorded and the process
 //                                 exits at once (status 0) without replying:
 //                                 a server that vanishes under its callers.
+//   VT_STANDIN_SILENT_AFTER=N     After N readiness answers, every later call
+//                                 is recorded and never answered, while the
+//                                 server keeps its name: a server that hangs.
 //   VT_STANDIN_SERVER_DELAY_MS=N  Own the bus name N ms after start instead of
 //                                 at once (the object is exported at once).
 //   VT_STANDIN_SERVER_ENV=path    The dictionary GetEnvironmentForXConnection
@@ -37,6 +40,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "base/MainLoop.hpp"
 #include "base/glib_glue.hpp"
@@ -46,6 +50,7 @@ namespace vt::standin {
 struct HelperServerSettings {
     unsigned notReadyCount = 0;
     std::optional<unsigned> goneAfter;
+    std::optional<unsigned> silentAfter;
     std::chrono::milliseconds ownNameDelay { 0 };
     std::map<std::string, std::string> environment;
 
@@ -61,6 +66,13 @@ public:
     HelperServerStandIn(GDBusConnection* connection, HelperServerSettings settings);
     // Releases the name and withdraws the object.
     ~HelperServerStandIn();
+
+    // Gives the name back and keeps the object: whoever calls the name finds
+    // nobody, although the process lives on.
+    void releaseName();
+    // From now on every call is recorded and never answered, as with
+    // VT_STANDIN_SILENT_AFTER.
+    void stopAnswering() { m_settings.silentAfter = 0; }
     HelperServerStandIn(const HelperServerStandIn&) = delete;
     HelperServerStandIn& operator=(const HelperServerStandIn&) = delete;
 
@@ -76,6 +88,8 @@ private:
     GPtr<GDBusConnection> m_connection;
     unsigned m_readinessAnswers = 0;
     unsigned m_notReadyAnswers = 0;
+    // Calls a hung server holds without answering.
+    std::vector<GDBusMethodInvocation*> m_unanswered;
     // The name goes back before the object is withdrawn.
     DBusObjectRegistration m_object;
     TimeoutSource m_ownNameLater;

@@ -2,6 +2,8 @@
 // (DBUS_SESSION_BUS_ADDRESS), configured by the VT_STANDIN_* variables that
 // HelperServerStandIn.hpp describes. Runs until SIGTERM or SIGINT, or until
 // the bus goes away, then gives its name back and exits with status 0.
+// SIGUSR1 makes it give its name back and go on running: a server whose name
+// is lost. SIGUSR2 makes it stop answering: a server that hangs.
 // Exits with status 2 when it cannot start.
 #include <csignal>
 #include <exception>
@@ -33,6 +35,14 @@ int main()
         }
         {
             standin::HelperServerStandIn server(connection.get(), std::move(settings));
+            UnixSignalSource lose("helper server stand-in: SIGUSR1", SIGUSR1, [&server] {
+                server.releaseName();
+                return true;
+            });
+            UnixSignalSource hang("helper server stand-in: SIGUSR2", SIGUSR2, [&server] {
+                server.stopAnswering();
+                return true;
+            });
             g_main_loop_run(loop.get());
         }
         // Let the name's release reach the bus before we go.

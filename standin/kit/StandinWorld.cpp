@@ -93,6 +93,13 @@ void StandinWorld::startHelperServer(const EnvironmentChanges& settings)
         waitUntil([&] { return bus.hasOwner(kHelperServerBusName); });
 }
 
+void StandinWorld::signalHelperServer(int signalNumber)
+{
+    if (!m_helperServer)
+        throw std::logic_error("no helper server to signal");
+    m_helperServer->signal(signalNumber);
+}
+
 TestProcess& StandinWorld::startLauncher(const std::vector<std::string>& arguments, const EnvironmentChanges& extra)
 {
     if (launcher.empty()) {

@@ -67,6 +67,9 @@ public:
     // its VT_STANDIN_* variables. Waits until it owns its name, unless it
     // is told to take it late.
     void startHelperServer(const EnvironmentChanges& settings = {});
+    // Sends a signal to that server: SIGKILL, or the stand-in's own (SIGUSR1
+    // loses the name, SIGUSR2 stops answering).
+    void signalHelperServer(int signalNumber);
 
     // Makes the launcher bundle from launcherInfo (once) and starts it in
     // dir with `arguments`. Runs are counted from 0 and live as long as the world.

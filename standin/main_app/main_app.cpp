@@ -5,11 +5,17 @@
 // Helper server: with VT_STANDIN_SERVE_HELPER set (non-empty) it also serves
 // the helper server on its bus connection, as the real one does.
 //
+// Hung: with VT_STANDIN_MAIN_APP_HUNG set (non-empty) it registers (owning
+// its bus name, and the helper server's when it serves one) and then never
+// runs its main loop again: every D-Bus call to it waits for an answer that
+// never comes. SIGTERM, SIGINT or SIGHUP still end it.
+//
 // It sends a main-app record (standin/record/Record.hpp) for each event:
 //   started   at process start, primary or not; arg: argv
 //   open      an open request (command line or D-Bus Open); arg: the URIs
 //             as GIO gives them back (g_file_get_uri)
 //   activate  an activation (start without arguments, D-Bus Activate)
+//   hung      registered, and from now on deaf (VT_STANDIN_MAIN_APP_HUNG)
 #include <csignal>
 #include <cstdlib>
 #include <memory>
@@ -17,6 +23,7 @@
 #include <vector>
 
 #include <glib-unix.h>
+#include <unistd.h>
 
 #include "base/glib_glue.hpp"
 #include "source/VantorNames.hpp"
@@ -106,6 +113,14 @@ int main(int argc, char** argv)
     if (!g_application_register(app.get(), nullptr, error) || !g_application_get_dbus_connection(app.get())) {
         g_printerr("vt-standin-main-app: cannot register on the session bus: %s\n", error.message());
         return 1;
+    }
+    if (const char* hung = std::getenv("VT_STANDIN_MAIN_APP_HUNG"); hung && *hung) {
+        record("hung");
+        // The signals end it the default way, on whichever thread they land.
+        for (int signalNumber : { SIGTERM, SIGINT, SIGHUP })
+            std::signal(signalNumber, SIG_DFL);
+        for (;;)
+            pause();
     }
     int status = g_application_run(app.get(), argc, argv);
     helperServer.reset();

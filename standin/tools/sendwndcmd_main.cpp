@@ -16,6 +16,8 @@
 // first line with the request's key counts; without one the answer is 1.
 //   <n>            "<id>:<n>\n" in one write
 //   exit           no answer: the tool exits with status 0 (the tool is gone)
+//   half           the first half of "<id>:1\n" (cut inside the identifier),
+//                  then the tool exits with status 0 (it dies mid-answer)
 //   silent         no answer; the tool goes on reading (a hung tool)
 // A line that is not a request gets "?:0\n".
 //
@@ -82,6 +84,12 @@ void answer(const std::string& line)
             vt::standin::endWithReason("wine", "scripted exit");
         if (scripted == "silent")
             return;
+        if (scripted == "half") {
+            std::string whole = request->id + ":1\n";
+            if (write(STDOUT_FILENO, whole.data(), whole.size() / 2) < 0)
+                vt::standin::endWithReason("wine", "the launcher is gone");
+            vt::standin::endWithReason("wine", "scripted death mid-answer");
+        }
         reply = request->id + ":" + scripted + "\n";
     }
     // One write per answer: the launcher takes a single read as the whole answer.
