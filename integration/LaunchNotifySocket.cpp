@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include "base/PlatformLog.hpp"
+#include "shell/PrivateDirectory.hpp"
 
 namespace vt {
 
@@ -110,29 +111,14 @@ bool LaunchNotifySocket::startLaunchNotify(const std::filesystem::path& director
         platformLog("Cannot create the launchnotifysocket.  errno = %d.\n", errno);
         return false;
     }
-    // A fresh name in the private directory, where nobody else can make or
-    // reach one. A name that does not fit an address is refused: cut short,
-    // it would be advertised to the Windows side but never exist.
-    std::string path = (directory / "systray-XXXXXX").string();
-    sockaddr_un address {};
-    address.sun_family = AF_UNIX;
-    if (path.size() >= sizeof address.sun_path) {
-        platformLog("Cannot bind.  errno = %d.\n", ENAMETOOLONG);
-        errno = ENAMETOOLONG;
+    std::optional<std::string> bound = bindFreshSocket(attempt.get(), directory, "systray");
+    if (!bound) {
+        const int error = errno;
+        platformLog("Cannot bind.  errno = %d.\n", error);
+        errno = error;
         return false;
     }
-    int probe = ::mkstemp(path.data());
-    if (probe < 0) {
-        platformLog("Cannot bind.  errno = %d.\n", errno);
-        return false;
-    }
-    ::close(probe);
-    ::unlink(path.c_str());
-    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
-    if (::bind(attempt.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-        platformLog("Cannot bind.  errno = %d.\n", errno);
-        return false;
-    }
+    const std::string& path = *bound;
     if (::listen(attempt.get(), kBacklog) != 0) {
         int error = errno;
         ::unlink(path.c_str());

@@ -14,6 +14,7 @@
 #include "base/VTLog.hpp"
 #include "loader/WineLoaderClientConnection.hpp"
 #include "shell/Application.hpp"
+#include "shell/PrivateDirectory.hpp"
 
 namespace vt {
 
@@ -72,21 +73,10 @@ bool WineLoader::listenAt(const std::filesystem::path& directory)
     if (!m_sock || ::fcntl(m_sock.get(), F_SETFL, O_NONBLOCK) != 0)
         return false;
 
-    // A fresh name in the private directory, where nobody else can make or
-    // reach one.
-    std::string path = (directory / "loader-XXXXXX").string();
-    sockaddr_un address {};
-    address.sun_family = AF_UNIX;
-    if (path.size() >= sizeof address.sun_path)
+    std::optional<std::string> bound = bindFreshSocket(m_sock.get(), directory, "loader");
+    if (!bound)
         return false;
-    int probe = ::mkostemp(path.data(), O_CLOEXEC);
-    if (probe < 0)
-        return false;
-    ::close(probe);
-    ::unlink(path.c_str());
-    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
-    if (::bind(m_sock.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
-        return false;
+    const std::string path = *bound;
     m_socketPath = path;
     m_bound = true;
 

@@ -9,6 +9,8 @@
 #include <vector>
 
 #include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -181,6 +183,28 @@ void PrivateDirectory::remove() noexcept
     std::filesystem::remove_all(*m_path, error);
     removeLiveDirectory(*m_path);
     m_path.reset();
+}
+
+std::optional<std::string> bindFreshSocket(int socket, const std::filesystem::path& directory, const char* prefix)
+{
+    std::string path = (directory / (std::string(prefix) + "-XXXXXX")).string();
+    sockaddr_un address {};
+    address.sun_family = AF_UNIX;
+    if (path.size() >= sizeof address.sun_path) {
+        errno = ENAMETOOLONG;
+        return std::nullopt;
+    }
+    // The name is taken as a file first so that it is unique, then given
+    // to the socket.
+    int probe = ::mkostemp(path.data(), O_CLOEXEC);
+    if (probe < 0)
+        return std::nullopt;
+    ::close(probe);
+    ::unlink(path.c_str());
+    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+    if (::bind(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
+        return std::nullopt;
+    return path;
 }
 
 } // namespace vt

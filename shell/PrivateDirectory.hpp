@@ -53,4 +53,11 @@ private:
     bool m_failed = false;
 };
 
+// Binds `socket` to a fresh name "<prefix>-XXXXXX" in `directory`, a
+// private directory, where nobody else can make or reach one. The path, or
+// nothing with errno set; a name that does not fit a socket address is
+// refused (ENAMETOOLONG): cut short, it would be advertised to the Windows
+// side but never exist.
+std::optional<std::string> bindFreshSocket(int socket, const std::filesystem::path& directory, const char* prefix);
+
 } // namespace vt
