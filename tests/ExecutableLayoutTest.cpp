@@ -102,7 +102,7 @@ uintptr_t machineMmapMinAddr()
 TEST(ExecutableLayout, LauncherIsLinkedWithTheReservedSegments)
 {
 #if !VT_EXECUTABLE_LAYOUT
-    GTEST_SKIP() << "sanitizer builds link the launcher without the layout";
+    GTEST_SKIP() << "this build links the launcher without the layout (sanitizers, or VT_WINE_LAYOUT=OFF)";
 #endif
     std::string headers = commandOutput(std::string("readelf -lW '") + VT_LAUNCHER_PATH + "'");
     ASSERT_NE(headers.find("Elf file type is EXEC"), std::string::npos) << headers;
@@ -141,7 +141,7 @@ TEST(ExecutableLayout, LauncherIsLinkedWithTheReservedSegments)
 TEST(ExecutableLayout, RunningLauncherHoldsTheRangesAndLeavesPageZeroFree)
 {
 #if !VT_EXECUTABLE_LAYOUT
-    GTEST_SKIP() << "sanitizer builds link the launcher without the layout";
+    GTEST_SKIP() << "this build links the launcher without the layout (sanitizers, or VT_WINE_LAYOUT=OFF)";
 #endif
     // Without a helper server the launcher keeps looking for one, long
     // enough to read its map after libraries, heap and threads are set up.

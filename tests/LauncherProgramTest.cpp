@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include "loader/WineLoaderProtocol.hpp"
 #include "standin/kit/StandinWorld.hpp"
 
 using namespace std::chrono_literals;
@@ -31,7 +32,8 @@ protected:
         // Wine runs in processes of its own here: the loader refuses the
         // tools' requests without Wine's library (LoaderHandOverTest takes
         // the program in).
-        std::filesystem::remove(w.mainApp / "Contents/SharedSupport/Vantor/lib64/libwine.so.1");
+        std::filesystem::remove(w.mainApp / "Contents/SharedSupport/Vantor"
+                                / vt::kNativeWineLoaderLayout.libraryDirectory / vt::kWineLibraryName);
         w.startHelperServer();
     }
 

@@ -54,7 +54,9 @@ TEST_F(LoaderHandOver, ATypicalLaunchEndsWithWineRunningInsideTheLauncher)
 
     EXPECT_EQ(wine.pid, launcher.pid());
     EXPECT_FALSE(wine.mainThread);
-    Strings expectedArguments { (w.mainApp / "Contents/SharedSupport/Vantor/bin/wineloader64").string() };
+    Strings expectedArguments {
+        (w.mainApp / "Contents/SharedSupport/Vantor/bin" / kNativeWineLoaderLayout.defaultLoader).string()
+    };
     for (const auto& argument : menu.arguments())
         expectedArguments.push_back(argument);
     EXPECT_EQ(wine.argv, expectedArguments) << "the default loader for the empty first argument";
@@ -168,7 +170,8 @@ TEST_F(LoaderHandOver, TheOtherArchitectureGoesBackToVtmenuAndTheRightLoaderIsSt
 TEST_F(LoaderHandOver, QuittingBeforeAnyHandOverLeavesNoSocketBehind)
 {
     // Without Wine's library the request is refused and vtmenu runs Wine itself.
-    std::filesystem::remove(w.mainApp / "Contents/SharedSupport/Vantor/lib64/libwine.so.1");
+    std::filesystem::remove(w.mainApp / "Contents/SharedSupport/Vantor"
+                            / kNativeWineLoaderLayout.libraryDirectory / kWineLibraryName);
     w.startHelperServer();
     TestProcess& launcher = w.startLauncher();
     ASSERT_TRUE(w.records.waitFor("loader", 1)) << w.launcherLog();

@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include "integration/TrayIconList.hpp"
+#include "loader/WineLoaderProtocol.hpp"
 #include "standin/kit/StandinWorld.hpp"
 #include "standin/kit/StatusNotifierWatcher.hpp"
 #include "standin/tray/TrayRecord.hpp"
@@ -54,7 +55,8 @@ protected:
     {
         // The program runs in processes of its own, so activation is the
         // launcher's to handle (with Wine inside, Wine's driver takes it).
-        std::filesystem::remove(w.mainApp / "Contents/SharedSupport/Vantor/lib64/libwine.so.1");
+        std::filesystem::remove(w.mainApp / "Contents/SharedSupport/Vantor"
+                                / vt::kNativeWineLoaderLayout.libraryDirectory / vt::kWineLibraryName);
     }
 
     // Starts the helper server and the launcher, and waits until the

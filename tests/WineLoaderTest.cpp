@@ -1,6 +1,7 @@
 // The loader's server and the reading of requests, in this process over real
 // sockets: every refusal is logged, answered with silence, leaves no
 // descriptor behind and keeps the server listening.
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <future>
 #include <thread>
@@ -9,6 +10,7 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 
+#include <glib.h>
 #include <gtest/gtest.h>
 
 #include "base/NotificationCenter.hpp"
@@ -28,6 +30,20 @@ using namespace std::string_literals;
 namespace {
 
 std::string bytes(uint64_t value) { return std::string(reinterpret_cast<const char*>(&value), sizeof value); }
+
+// Where the loader looks for Wine's library under `root`, for this build's word size.
+std::filesystem::path wineLibraryUnder(const std::filesystem::path& root)
+{
+    return root / kNativeWineLoaderLayout.libraryDirectory / kWineLibraryName;
+}
+
+// A library of this build's word size that has no wine_init: GLib's, as loaded here.
+std::string libraryWithoutWineInit()
+{
+    Dl_info info {};
+    dladdr(reinterpret_cast<void*>(&g_free), &info);
+    return info.dli_fname ? info.dli_fname : "";
+}
 
 class WineLoaderTest : public testing::Test {
 protected:
@@ -107,6 +123,8 @@ TEST_F(WineLoaderTest, RefusesMalformedRequestsInSilenceAndKeepsNoDescriptor)
         std::string trailer;
         std::string message;
     };
+    // Too long in its low 32 bits too, which are all a 32-bit launcher reads.
+    const uint64_t huge = (1ull << 40) | (1ull << 30);
     char swappedText[16];
     std::snprintf(swappedText, sizeof swappedText, "0x%08x", swapped);
     const Case cases[] = {
@@ -119,8 +137,9 @@ TEST_F(WineLoaderTest, RefusesMalformedRequestsInSilenceAndKeepsNoDescriptor)
         { request(), 6, "", "failed to receive file descriptors\n" },
         { request(), 0, "", "failed to receive file descriptors\n" },
         { request(), 5, "x", "got extraneous data instead of EOF" },
-        { std::string(reinterpret_cast<const char*>(&own), 4) + bytes(1ull << 40), -1, "",
-          "buffer of length 1099511627776 is beyond the request limit of 16777216 bytes" },
+        { std::string(reinterpret_cast<const char*>(&own), 4) + bytes(huge), -1, "",
+          "buffer of length " + std::to_string(effectiveLength(kNativeWineLoaderLayout, huge))
+              + " is beyond the request limit of 16777216 bytes" },
         { std::string(reinterpret_cast<const char*>(&own), 4) + bytes(8), -1, "", "reading working directory failed" },
     };
     // Warm up what the first connection allocates for good (the thread's
@@ -141,7 +160,7 @@ TEST_F(WineLoaderTest, RefusesMalformedRequestsInSilenceAndKeepsNoDescriptor)
     // Still listening: a sound request gets as far as loading Wine.
     EXPECT_FALSE(loader->socketPath().empty());
     EXPECT_EQ(send(request(), 5), std::nullopt);
-    EXPECT_TRUE(logged("Failed to load " + (dir / "root/lib64/libwine.so.1").string() + ": "));
+    EXPECT_TRUE(logged("Failed to load " + wineLibraryUnder(dir / "root").string() + ": "));
 }
 
 TEST_F(WineLoaderTest, TheSmallestRequestsAreSound)
@@ -152,10 +171,10 @@ TEST_F(WineLoaderTest, TheSmallestRequestsAreSound)
     send(encodeRequestHead(kNativeWineLoaderLayout.ownRequest, "\0"s, "", "\0"s), 4);
     EXPECT_TRUE(logged("Failed to load "));
     // A library without wine_init is refused before the hand-over.
-    std::filesystem::create_directories(dir / "root/lib64");
-    std::filesystem::create_symlink("/lib/x86_64-linux-gnu/libm.so.6", dir / "root/lib64/libwine.so.1");
+    std::filesystem::create_directories(wineLibraryUnder(dir / "root").parent_path());
+    std::filesystem::create_symlink(libraryWithoutWineInit(), wineLibraryUnder(dir / "root"));
     send(request(), 4);
-    EXPECT_TRUE(logged("Failed to find symbol 'wine_init' in " + (dir / "root/lib64/libwine.so.1").string()));
+    EXPECT_TRUE(logged("Failed to find symbol 'wine_init' in " + wineLibraryUnder(dir / "root").string()));
     EXPECT_FALSE(loader->socketPath().empty());
 }
 
@@ -170,7 +189,7 @@ TEST_F(WineLoaderTest, TheOtherArchitectureIsPostedFromTheConnectionsThread)
         });
     EXPECT_EQ(send(request(kNativeWineLoaderLayout.otherRequest)), std::nullopt);
     ASSERT_TRUE(waitUntil([&] { return !asked.empty(); }));
-    EXPECT_EQ(asked, std::vector<std::string> { "i386" });
+    EXPECT_EQ(asked, std::vector<std::string> { kNativeWineLoaderLayout.otherArchitecture });
     EXPECT_FALSE(onMainThread);
     EXPECT_FALSE(loader->socketPath().empty()) << "the right loader may still come";
 }
@@ -230,8 +249,8 @@ TEST_F(WineLoaderTest, TheFirstOfTwoLoadersTakesTheStartOver)
     // The stand-in's Wine library, told to fail: its wine_init records what
     // it was given and returns. The requests' standard descriptors are this
     // process's own, so taking them over changes nothing here.
-    std::filesystem::create_directories(dir / "root/lib64");
-    std::filesystem::create_symlink(standinWineLibrary(), dir / "root/lib64/libwine.so.1");
+    std::filesystem::create_directories(wineLibraryUnder(dir / "root").parent_path());
+    std::filesystem::create_symlink(standinWineLibrary(), wineLibraryUnder(dir / "root"));
     RecordReader records(dir / "records");
     ScopedEnvironment environment;
     for (const char* name : { "VT_STANDIN_WINE", "VT_STANDIN_RECORDS", "WINELOADER", "WINESERVERSOCKET",
@@ -293,8 +312,8 @@ TEST_F(WineLoaderTest, TheFirstOfTwoLoadersTakesTheStartOver)
 
 TEST_F(WineLoaderTest, AMalformedEnvironmentIsFoundOnlyAfterTheAnswer)
 {
-    std::filesystem::create_directories(dir / "root/lib64");
-    std::filesystem::create_symlink(standinWineLibrary(), dir / "root/lib64/libwine.so.1");
+    std::filesystem::create_directories(wineLibraryUnder(dir / "root").parent_path());
+    std::filesystem::create_symlink(standinWineLibrary(), wineLibraryUnder(dir / "root"));
     EXPECT_EQ(send(encodeRequestHead(kNativeWineLoaderLayout.ownRequest, "", nulTerminated({ "NO_VALUE" }),
                                      nulTerminated({ "" }))),
               WineLoaderResponseProceed);
