@@ -41,7 +41,7 @@ std::optional<std::string> VTFBHelperDelegate::infoString(const char* key) const
 void VTFBHelperDelegate::applicationWillFinishLaunching()
 {
     m_application.setGetURLHandler([this](const std::string& url) { handleGetURLEvent(url); });
-    showStatusItem();
+    makeTrayIcons();
 
     // Starts the main application in the background if it isn't running and
     // hands it this launcher's bundle; the answer is not needed.
@@ -74,16 +74,32 @@ void VTFBHelperDelegate::applicationWillFinishLaunching()
           m_settings.menuPath.value_or("(none)"), m_settings.vantorRoot.value_or("(none)"));
 }
 
-void VTFBHelperDelegate::showStatusItem()
+void VTFBHelperDelegate::makeTrayIcons()
 {
+    // The tile's base icon is read or drawn when the tile is first painted.
+    m_trayIcons = std::make_unique<TrayIconList>(
+        [bundle = m_application.mainBundle()] { return applicationIcon(bundle); },
+        [this](const GdkPixbuf& tile) {
+            if (m_statusItem)
+                m_statusItem->setIcon(tile);
+        });
+    m_launchNotify = std::make_unique<LaunchNotifySocket>(*m_trayIcons);
+}
+
+void VTFBHelperDelegate::showStatusItem(StatusItemMoment moment)
+{
+    // Made once: its icon and its bus name cost more than the rest of a
+    // start without waits, so it waits for the first wait, or for the
+    // program to have been started.
+    if (std::exchange(m_statusItemShown, true))
+        return;
     const VTBundle* bundle = m_application.mainBundle();
     std::string title = infoString("CFBundleName").value_or(
         bundle ? bundle->bundlePath().stem().string() : std::string("vtlauncher"));
     std::string id = bundle ? bundle->bundleIdentifier().value_or(title) : title;
-
-    GPtr<GdkPixbuf> icon = applicationIcon(bundle);
     try {
-        m_statusItem = std::make_unique<StatusNotifierItem>(id, title, *icon, StatusNotifierItem::Callbacks {
+        m_statusItem = std::make_unique<StatusNotifierItem>(id, title, *m_trayIcons->paintTile(),
+                                                            StatusNotifierItem::Callbacks {
             // A click on the icon is a click on the launcher.
             .activate = [this] { m_application.sendEventsFromMainLoop({ Event { Event::Type::Activate, {}, {} } }); },
             .menuAction = [this](const std::string& action) {
@@ -96,22 +112,17 @@ void VTFBHelperDelegate::showStatusItem()
             platformLog("The launcher has no icon in the status area: %s", error.what());
         else
             VTLog("no icon in the status area: %s", error.what());
-    }
-    m_trayIcons = std::make_unique<TrayIconList>(std::move(icon), [this](const GdkPixbuf& tile) {
-        if (m_statusItem)
-            m_statusItem->setIcon(tile);
-    });
-    m_launchNotify = std::make_unique<LaunchNotifySocket>(*m_trayIcons);
-    if (!m_statusItem)
         return;
-
+    }
     // Start-up may wait long for the helper server or the bottle; the item
     // says what for, and the menu is there to quit meanwhile.
-    m_statusItem->setToolTip(formatMessage("Getting %@ ready…", infoString("VTHelperAppBottleName").value_or(title)));
+    m_statusTitle = title;
+    if (moment == StatusItemMoment::BeforeWaiting)
+        m_statusItem->setToolTip(
+            formatMessage("Getting %@ ready…", infoString("VTHelperAppBottleName").value_or(title)));
     Menu menu = m_application.mainMenu();
     formatMenuItemsWithBundleName(menu);
     m_statusItem->setMenu(menu);
-    m_statusTitle = title;
 }
 
 void VTFBHelperDelegate::readBundleSettings()
@@ -153,8 +164,10 @@ bool VTFBHelperDelegate::connectToHelperServer()
         m_helperServerProxy = HelperServerClient::lookUp();
         VTLog("looking for the helper server, attempt %d: %s", attempt, m_helperServerProxy ? "found" : "not found");
         // The last failed attempt sleeps too, before the launcher gives up.
-        if (!m_helperServerProxy)
+        if (!m_helperServerProxy) {
+            showStatusItem(StatusItemMoment::BeforeWaiting);
             m_application.sleepDuringLaunch(1s);
+        }
     }
     return m_helperServerProxy != nullptr;
 }
@@ -166,6 +179,7 @@ bool VTFBHelperDelegate::waitForBottle()
     try {
         while (!m_helperServerProxy->isServerReadyForBottle(m_settings.bottleName.value_or(""))) {
             VTLog("bottle %@ is not ready yet", m_settings.bottleName.value_or("(none)"));
+            showStatusItem(StatusItemMoment::BeforeWaiting);
             m_application.sleepDuringLaunch(1s);
         }
         return true;
@@ -209,11 +223,15 @@ void VTFBHelperDelegate::formatMenuItemsWithBundleName(Menu& menu)
 
 void VTFBHelperDelegate::applicationDidFinishLaunching()
 {
+    // The program has been started: the item stands for it (again).
+    if (m_statusItemShown) {
+        if (m_statusItem)
+            m_statusItem->setToolTip(m_statusTitle);
+    } else {
+        showStatusItem(StatusItemMoment::Launched);
+    }
     if (m_launchNotify)
         m_launchNotify->monitorFeedbackSocket();
-    // The program has been started: the item stands for it again.
-    if (m_statusItem)
-        m_statusItem->setToolTip(m_statusTitle);
 }
 
 WindowsProgram::Environment VTFBHelperDelegate::launcherVariables()

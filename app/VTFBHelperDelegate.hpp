@@ -82,9 +82,13 @@ private:
     // very process.
     void programEnded();
     void activateMainApplication();
-    // The status-notifier item and the tray icons painted on it, from the
-    // first moment of start-up, so that a long wait is not silence.
-    void showStatusItem();
+    // The tray icons' list and socket, from the first moment of start-up.
+    void makeTrayIcons();
+    // The status-notifier item, with the tray icons painted on it: before
+    // start-up first waits, so that a long wait is not silence, or else
+    // once the program has been started.
+    enum class StatusItemMoment { BeforeWaiting, Launched };
+    void showStatusItem(StatusItemMoment moment);
 
     VTFBHelperApp& m_application;
 
@@ -97,6 +101,7 @@ private:
     std::unique_ptr<TrayIconList> m_trayIcons;
     std::unique_ptr<StatusNotifierItem> m_statusItem;
     std::string m_statusTitle;
+    bool m_statusItemShown = false;
     // Gives messages to m_trayIcons, so it goes first.
     std::unique_ptr<LaunchNotifySocket> m_launchNotify;
     std::shared_ptr<WineLoader> m_wineLoader;

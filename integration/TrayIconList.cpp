@@ -69,7 +69,9 @@ namespace {
         double cx = (left + right) / 2, cy = (top + bottom) / 2;
         double qx = std::abs(x - cx) - ((right - left) / 2 - radius);
         double qy = std::abs(y - cy) - ((bottom - top) / 2 - radius);
-        double outside = std::hypot(std::max(qx, 0.0), std::max(qy, 0.0));
+        double ox = std::max(qx, 0.0), oy = std::max(qy, 0.0);
+        // Far from overflow here: std::hypot's care would cost most of the drawing.
+        double outside = std::sqrt(ox * ox + oy * oy);
         return outside + std::min(std::max(qx, qy), 0.0) - radius;
     }
 
@@ -135,16 +137,17 @@ GPtr<GdkPixbuf> genericApplicationIcon()
             paint.over(window, coverage(windowDistance));
             paint.over(titleBar, coverage(std::max(windowDistance, py - 46)));
             for (double dotX : { 36.0, 44.0, 52.0 })
-                paint.over(titleDot, coverage(std::hypot(px - dotX, py - 39.5) - 2.6));
+                paint.over(titleDot, coverage(std::sqrt((px - dotX) * (px - dotX) + (py - 39.5) * (py - 39.5)) - 2.6));
             for (auto [top, right] : { std::pair { 55.0, 88.0 }, { 65.0, 80.0 }, { 75.0, 85.0 } })
                 paint.over(textLine, coverage(roundedRectDistance(px, py, 37, top, right, top + 5, 2.5)));
 
             guchar* out = pixels + size_t(y) * stride + size_t(x) * 4;
             double a = paint.a;
-            out[0] = guchar(a > 0 ? std::lround(paint.r / a) : 0);
-            out[1] = guchar(a > 0 ? std::lround(paint.g / a) : 0);
-            out[2] = guchar(a > 0 ? std::lround(paint.b / a) : 0);
-            out[3] = guchar(std::lround(a * 255));
+            // Rounded to the nearest: every value is at least 0.
+            out[0] = guchar(a > 0 ? int(paint.r / a + 0.5) : 0);
+            out[1] = guchar(a > 0 ? int(paint.g / a + 0.5) : 0);
+            out[2] = guchar(a > 0 ? int(paint.b / a + 0.5) : 0);
+            out[3] = guchar(int(a * 255 + 0.5));
         }
     }
     return icon;
@@ -187,14 +190,30 @@ GPtr<GdkPixbuf> applicationIcon(const VTBundle* bundle)
 
 TrayIconList::TrayIconList(GPtr<GdkPixbuf> baseIcon, std::function<void(const GdkPixbuf& tile)> showTile,
                            const TrayLayout& layout)
-    : m_baseIcon(asTileImage(std::move(baseIcon)))
+    : TrayIconList([icon = std::make_shared<GPtr<GdkPixbuf>>(std::move(baseIcon))] { return std::move(*icon); },
+                   std::move(showTile), layout)
+{
+}
+
+TrayIconList::TrayIconList(std::function<GPtr<GdkPixbuf>()> loadBaseIcon,
+                           std::function<void(const GdkPixbuf& tile)> showTile, const TrayLayout& layout)
+    : m_loadBaseIcon(std::move(loadBaseIcon))
     , m_showTile(std::move(showTile))
     , m_layout(layout)
 {
-    if (!m_baseIcon)
-        m_baseIcon = genericApplicationIcon();
     // Most programs have one or two tray icons.
     m_iconList.reserve(2);
+}
+
+const GdkPixbuf& TrayIconList::baseIcon() const
+{
+    if (!m_baseIcon) {
+        m_baseIcon = asTileImage(m_loadBaseIcon ? m_loadBaseIcon() : nullptr);
+        m_loadBaseIcon = nullptr;
+        if (!m_baseIcon)
+            m_baseIcon = genericApplicationIcon();
+    }
+    return *m_baseIcon;
 }
 
 void TrayIconList::addIconWithData(std::vector<uint8_t>& record)
@@ -277,7 +296,7 @@ GPtr<GdkPixbuf> paintBadges(const GdkPixbuf& baseIcon, const std::vector<TrayIco
 
 GPtr<GdkPixbuf> TrayIconList::paintTile() const
 {
-    return paintBadges(*m_baseIcon, m_iconList);
+    return paintBadges(baseIcon(), m_iconList);
 }
 
 void TrayIconList::updateBadges()

@@ -40,6 +40,11 @@ public:
     // tile's size when it has another.
     TrayIconList(GPtr<GdkPixbuf> baseIcon, std::function<void(const GdkPixbuf& tile)> showTile,
                  const TrayLayout& layout = kNativeTrayLayout);
+    // The base icon is made by `loadBaseIcon` when the tile is first
+    // painted: reading or drawing it has no place on the way to starting
+    // the Windows program.
+    TrayIconList(std::function<GPtr<GdkPixbuf>()> loadBaseIcon, std::function<void(const GdkPixbuf& tile)> showTile,
+                 const TrayLayout& layout = kNativeTrayLayout);
 
     // Add or replace (by id and hwnd, the entry nearest the end); replace
     // only; remove. A record that cannot be decoded changes nothing.
@@ -55,7 +60,10 @@ public:
     const std::vector<TrayIconEntry>& iconList() const { return m_iconList; }
 
 private:
-    GPtr<GdkPixbuf> m_baseIcon;
+    const GdkPixbuf& baseIcon() const;
+
+    mutable std::function<GPtr<GdkPixbuf>()> m_loadBaseIcon;
+    mutable GPtr<GdkPixbuf> m_baseIcon;
     std::function<void(const GdkPixbuf&)> m_showTile;
     const TrayLayout& m_layout;
     std::vector<TrayIconEntry> m_iconList;

@@ -4,12 +4,14 @@
 #include <climits>
 #include <csignal>
 #include <cstring>
+#include <memory>
 
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "base/glib_glue.hpp"
 #include "base/PlatformLog.hpp"
+#include "base/VTLog.hpp"
 #include "source/VTBundle.hpp"
 
 namespace vt {
@@ -50,6 +52,33 @@ namespace {
             platformLog("%s did not answer %s within %d ms; the launcher goes on without its answer.", destination,
                         method, kCallTimeoutMilliseconds);
         return reply;
+    }
+
+    // Sends the call and goes on: the platform's open takes a request
+    // without waiting for the application to act on it. A time-out or a
+    // refusal is said once the main loop hears of it.
+    void send(GDBusConnection* bus, const char* destination, const char* path, const char* interface,
+              const char* method, GVariant* parameters)
+    {
+        struct Call {
+            std::string destination, method;
+        };
+        auto onReply = [](GObject* source, GAsyncResult* result, gpointer data) noexcept {
+            std::unique_ptr<Call> call(static_cast<Call*>(data));
+            GErrorHolder error;
+            GPtr<GVariant> reply = adopt(g_dbus_connection_call_finish(G_DBUS_CONNECTION(source), result, error));
+            if (!reply && g_error_matches(error.get(), G_IO_ERROR, G_IO_ERROR_TIMED_OUT))
+                platformLog("%@ did not answer %@ within %d ms; the launcher went on without its answer.",
+                            call->destination, call->method, kCallTimeoutMilliseconds);
+            else if (!reply)
+                VTLog("%@ refused %@: %@", call->destination, call->method, error.message());
+        };
+        g_dbus_connection_call(bus, destination, path, interface, method, parameters, nullptr,
+                               G_DBUS_CALL_FLAGS_NO_AUTO_START, kCallTimeoutMilliseconds, nullptr, onReply,
+                               new Call { destination, method });
+        // Written before this returns (no round trip): a process that ends
+        // right after has still made its request.
+        g_dbus_connection_flush_sync(bus, nullptr, nullptr);
     }
 
     std::optional<std::filesystem::path> bundleOfProcess(uint32_t pid)
@@ -211,8 +240,11 @@ namespace {
             for (const auto& url : urls)
                 g_variant_builder_add(uris.get(), "s", url.c_str());
             // The desktop's interface carries no hint (GApplication's own
-            // org.gtk.Application.Open does).
-            delivered = callApplication("Open", g_variant_new("(@as@a{sv})", uris.end(), noPlatformData()));
+            // org.gtk.Application.Open does). Accepted once sent: the
+            // application opens in its own time, and the launcher's
+            // start-up does not wait for it.
+            send(bus.get(), bundleIdentifier.c_str(), path.c_str(), "org.freedesktop.Application", "Open",
+                 g_variant_new("(@as@a{sv})", uris.end(), noPlatformData()));
         }
         if (!(options & kLaunchDontSwitch)) {
             bool activated = callApplication("Activate", g_variant_new("(@a{sv})", noPlatformData()));
