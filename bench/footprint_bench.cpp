@@ -150,7 +150,8 @@ void report(const IdleLauncher& launcher, const std::map<pid_t, ThreadSample>& s
                 ended.empty() ? "" : " ended within it, uncounted", kWakeUpAim);
 
     // Which threads woke, to find the timers behind them.
-    std::stable_sort(wakers.begin(), wakers.end(), [](const Waker& a, const Waker& b) { return a.perSecond > b.perSecond; });
+    std::stable_sort(wakers.begin(), wakers.end(),
+                     [](const Waker& a, const Waker& b) { return a.perSecond > b.perSecond; });
     std::string most;
     for (size_t i = 0; i < wakers.size() && i < 3 && wakers[i].perSecond > 0; ++i) {
         char text[160];

@@ -10,6 +10,9 @@
 // arguments, environment, streams and directory the launcher gave it.
 //
 //   vt-bench-launch               the figures
+//   vt-bench-launch --log         one launch with debug logging: the
+//                                 launcher's log, each line with its time
+//                                 since the exec
 //   vt-bench-launch --trace FILE  one launch under strace -f -tt -T (only this
 //                                 needs strace), the trace written to FILE
 #include <algorithm>
@@ -37,6 +40,9 @@ namespace {
 
 constexpr int kRounds = 20;
 constexpr int kWarmUpRounds = 2;
+// What start-up waits on and what it reads, starts and asks: only these stop
+// the traced launcher, so the trace's times stay near the untraced ones.
+constexpr const char* kTracedCalls = "trace=%process,%file,%network,poll,ppoll,read,write,futex";
 
 long long nowNanoseconds()
 {
@@ -85,24 +91,32 @@ Spawned spawn(const std::vector<std::string>& argv, const std::map<std::string, 
     return spawned;
 }
 
-// Waits for our child `pid` to end; its wait status, or empty after `timeout`
-// (the child is then killed).
-std::optional<int> waitForChild(pid_t pid, std::chrono::milliseconds timeout)
+// Waits for the process `pid`, ours or not, to end (it is not reaped);
+// false after `timeout`.
+bool waitForEnd(pid_t pid, std::chrono::milliseconds timeout)
 {
     Fd process(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
     pollfd ended { process.get(), POLLIN, 0 };
     auto deadline = std::chrono::steady_clock::now() + timeout;
-    int ready = 0;
-    while (process && ready <= 0 && std::chrono::steady_clock::now() < deadline) {
+    int ready = process ? 0 : 1; // a process that cannot be opened is gone
+    while (ready <= 0 && std::chrono::steady_clock::now() < deadline) {
         auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
         ready = poll(&ended, 1, static_cast<int>(std::max(left.count(), 1L)));
     }
-    if (ready <= 0)
+    return ready > 0;
+}
+
+// Waits for our child `pid` to end and reaps it; its wait status, or empty
+// after `timeout` (it is then killed).
+std::optional<int> waitForChild(pid_t pid, std::chrono::milliseconds timeout)
+{
+    bool ended = waitForEnd(pid, timeout);
+    if (!ended)
         kill(pid, SIGKILL);
     int status = 0;
     while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
     }
-    return ready > 0 ? std::optional<int>(status) : std::nullopt;
+    return ended ? std::optional<int>(status) : std::nullopt;
 }
 
 struct Figures {
@@ -153,14 +167,16 @@ public:
         Spawned launcher = spawn(argv, w.environment(environment), w.dir.path(), log());
         if (!w.records.waitForTools(before + 1, "vtmenu"))
             fail("the launcher did not start vtmenu", readFile(log()));
-        ToolRecord menu = w.records.tools("vtmenu").at(before);
+        ToolRecord menu = menuStart(before);
         // A traced launcher runs under strace; its own pid is the window tag.
         pid_t launcherPid = static_cast<pid_t>(std::stol(menu.environment.at("VT_WINDOW_TAG")));
         kill(launcherPid, SIGTERM);
-        auto status = waitForChild(launcher.pid, 20s);
-        if (!status || !WIFEXITED(*status) || WEXITSTATUS(*status) != 0)
-            fail("the launcher did not end by itself with status 0 after SIGTERM", readFile(log()));
+        bool ended = waitForEnd(launcherPid, 20s);
+        // strace ends once the tools it follows have ended too; its status is the launcher's.
         terminateAndWait(menu.pid);
+        auto status = waitForChild(launcher.pid, 20s);
+        if (!ended || !status || !WIFEXITED(*status) || WEXITSTATUS(*status) != 0)
+            fail("the launcher did not end by itself with status 0 after SIGTERM", readFile(log()));
         m_lastSpawn = launcher.wallClock;
         return static_cast<double>(menu.started - launcher.spawnedAt) / 1e6;
     }
@@ -195,9 +211,10 @@ public:
         argv.insert(argv.end(), m_menu.argv.begin(), m_menu.argv.end());
         Spawned spawner = spawn(argv, m_menu.environment, m_menu.directory, "/dev/null");
         auto status = waitForChild(spawner.pid, 20s);
-        if (!status || !WIFEXITED(*status) || WEXITSTATUS(*status) != 0 || !w.records.waitForTools(before + 1, "vtmenu"))
+        if (!status || !WIFEXITED(*status) || WEXITSTATUS(*status) != 0
+            || !w.records.waitForTools(before + 1, "vtmenu"))
             fail("the bare spawner did not start vtmenu", "");
-        ToolRecord menu = w.records.tools("vtmenu").at(before);
+        ToolRecord menu = menuStart(before);
         terminateAndWait(menu.pid);
         return static_cast<double>(menu.started - spawner.spawnedAt) / 1e6;
     }
@@ -205,10 +222,10 @@ public:
     const std::filesystem::path& launcher() const { return w.launcher; }
     std::filesystem::path log() const { return w.dir / "launcher.log"; }
 
+    // Ends the benchmark; the world still takes down what it has started.
     [[noreturn]] static void fail(const std::string& what, const std::string& log)
     {
-        std::fprintf(stderr, "launch_bench: %s\n%s", what.c_str(), log.c_str());
-        std::exit(1);
+        throw std::runtime_error(what + "\n" + log);
     }
 
     static inline const EnvironmentChanges kAsUsersRunIt { { "VT_LOG", std::nullopt },
@@ -216,6 +233,15 @@ public:
                                                            { "DEBUG", std::nullopt } };
 
 private:
+    // The n-th vtmenu's tool record, which holds when its main began.
+    ToolRecord menuStart(size_t index) const
+    {
+        ToolRecord menu = w.records.tools("vtmenu").at(index);
+        if (menu.started <= 0)
+            fail("vtmenu's record has no start time", "");
+        return menu;
+    }
+
     // The product is up and the previous launcher is gone from the bus.
     void waitUntilReady()
     {
@@ -247,42 +273,49 @@ int main(int argc, char** argv)
         return 2;
     }
 
-    LaunchBench bench;
-    bench.warmUp();
-    if (log) {
-        bench.launch({ bench.launcher().string() });
-        double milliseconds = bench.launch({ bench.launcher().string() }, { { "VT_LOG", "1" } });
-        std::printf("launch with debug logging: %.3f ms until exec of vtmenu; the launcher's log, from its exec:\n%s",
-                    milliseconds, bench.logSinceSpawn().c_str());
-        return 0;
-    }
-    if (trace) {
-        GCharPtr strace(g_find_program_in_path("strace"));
-        if (!strace) {
-            std::fprintf(stderr, "launch_bench: --trace needs strace (Debian package strace)\n");
-            return 1;
+    try {
+        LaunchBench bench;
+        bench.warmUp();
+        if (log) {
+            bench.launch({ bench.launcher().string() });
+            double milliseconds = bench.launch({ bench.launcher().string() }, { { "VT_LOG", "1" } });
+            std::printf("launch with debug logging: %.3f ms until exec of vtmenu; the launcher's log, from its "
+                        "exec:\n%s",
+                        milliseconds, bench.logSinceSpawn().c_str());
+            return 0;
         }
-        bench.launch({ bench.launcher().string() }); // the page cache holds the launcher again
-        double milliseconds = bench.launch(
-            { strace.get(), "-f", "-tt", "-T", "-s", "160", "-o", *trace, bench.launcher().string() });
-        std::printf("launch under strace: %.3f ms until exec of vtmenu; the trace of the launcher and its children "
-                    "is in %s\n",
-                    milliseconds, trace->c_str());
-        return 0;
-    }
+        if (trace) {
+            GCharPtr strace(g_find_program_in_path("strace"));
+            if (!strace) {
+                std::fprintf(stderr, "launch_bench: --trace needs strace (Debian package strace)\n");
+                return 1;
+            }
+            bench.launch({ bench.launcher().string() }); // the page cache holds the launcher again
+            double milliseconds = bench.launch(
+                { strace.get(), "-f", "--seccomp-bpf", "-tt", "-T", "-s", "160", "-e", kTracedCalls, "-o", *trace,
+                  bench.launcher().string() });
+            std::printf("launch under strace: %.3f ms until exec of vtmenu; the trace of the launcher and its children "
+                        "is in %s\n",
+                        milliseconds, trace->c_str());
+            return 0;
+        }
 
-    std::vector<double> launches, floors;
-    for (int round = -kWarmUpRounds; round < kRounds; ++round) {
-        double launch = bench.launch({ bench.launcher().string() });
-        double floor = bench.spawnBare();
-        if (round >= 0) {
-            launches.push_back(launch);
-            floors.push_back(floor);
+        std::vector<double> launches, floors;
+        for (int round = -kWarmUpRounds; round < kRounds; ++round) {
+            double launch = bench.launch({ bench.launcher().string() });
+            double floor = bench.spawnBare();
+            if (round >= 0) {
+                launches.push_back(launch);
+                floors.push_back(floor);
+            }
         }
+        Figures launch = figuresOf(launches), floor = figuresOf(floors);
+        std::printf("launch, exec of the launcher until exec of vtmenu: median %.3f ms, max %.3f ms over %d rounds "
+                    "(floor, a bare spawner exec'ing vtmenu: median %.3f ms, max %.3f ms)\n",
+                    launch.median, launch.max, kRounds, floor.median, floor.max);
+        return 0;
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "launch_bench: %s", error.what());
+        return 1;
     }
-    Figures launch = figuresOf(launches), floor = figuresOf(floors);
-    std::printf("launch, exec of the launcher until exec of vtmenu: median %.3f ms, max %.3f ms over %d rounds "
-                "(floor, a bare spawner exec'ing vtmenu: median %.3f ms, max %.3f ms)\n",
-                launch.median, launch.max, kRounds, floor.median, floor.max);
-    return 0;
 }
