@@ -27,7 +27,8 @@ constexpr double kMemoryAim = 10;  // MiB
 constexpr double kWakeUpAim = 1;   // per second
 constexpr auto kSettling = 2s;     // after the launch's own work, before the window
 
-// A value in kB from a /proc status file ("VmRSS:\t  9876 kB"), or a count.
+// A value in kB from a /proc status or smaps_rollup file ("VmRSS:\t  9876 kB"),
+// or a count.
 long long statusValue(const std::filesystem::path& status, const std::string& name)
 {
     std::ifstream in(status);
@@ -120,6 +121,8 @@ void report(const IdleLauncher& launcher, const std::map<pid_t, ThreadSample>& s
     double rss = static_cast<double>(statusValue(status, "VmRSS")) / mebibyte;
     double anonymous = static_cast<double>(statusValue(status, "RssAnon")) / mebibyte;
     double files = static_cast<double>(statusValue(status, "RssFile")) / mebibyte;
+    // Its share of pages that other processes map too (the libraries above all).
+    double proportional = static_cast<double>(statusValue(status.parent_path() / "smaps_rollup", "Pss")) / mebibyte;
 
     // A thread born within the window counts from zero; one that ended
     // within it is not seen at the end, and its switches are lost. Most
@@ -144,9 +147,10 @@ void report(const IdleLauncher& launcher, const std::map<pid_t, ThreadSample>& s
             ended += (ended.empty() ? "; " : ", ") + sample.name;
     }
     double wakeUps = static_cast<double>(switches) / seconds;
-    std::printf("footprint %s: RSS %.1f MiB (anonymous %.1f, files %.1f; aim <= %.0f MiB), %.2f wake-ups/s when idle "
-                "(voluntary context switches of its %zu threads over %.0f s%s%s; aim <= %.0f/s)\n",
-                launcher.name(), rss, anonymous, files, kMemoryAim, wakeUps, end.size(), seconds, ended.c_str(),
+    std::printf("footprint %s: RSS %.1f MiB (anonymous %.1f, files %.1f; PSS %.1f; aim <= %.0f MiB), %.2f wake-ups/s "
+                "when idle (voluntary context switches of its %zu threads over %.0f s%s%s; aim <= %.0f/s)\n",
+                launcher.name(), rss, anonymous, files, proportional, kMemoryAim, wakeUps, end.size(), seconds,
+                ended.c_str(),
                 ended.empty() ? "" : " ended within it, uncounted", kWakeUpAim);
 
     // Which threads woke, to find the timers behind them.
