@@ -42,7 +42,7 @@ constexpr int kRounds = 20;
 constexpr int kWarmUpRounds = 2;
 // What start-up waits on and what it reads, starts and asks: only these stop
 // the traced launcher, so the trace's times stay near the untraced ones.
-constexpr const char* kTracedCalls = "trace=%process,%file,%network,poll,ppoll,read,write,futex";
+constexpr const char* kTracedCalls = "trace=%process,%file,%network,poll,ppoll";
 
 long long nowNanoseconds()
 {
