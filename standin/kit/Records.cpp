@@ -1,5 +1,6 @@
 #include "standin/kit/Records.hpp"
 
+#include <cstdlib>
 #include <cstring>
 #include <stdexcept>
 
@@ -17,7 +18,7 @@ namespace {
     {
         std::string text;
         for (const auto& [name, value] : record.fields) {
-            if (name != "pid" && name != "ms")
+            if (name != "pid" && name != "ms" && name != "started")
                 text += (text.empty() ? "" : " ") + value;
         }
         return text;
@@ -121,7 +122,8 @@ std::vector<ToolRecord> RecordReader::tools(const std::string& role) const
             continue;
         tools.push_back({ record.value("role"), std::stoi(record.value("pid")), record.values("arg"),
                           environmentOf(record), record.value("cwd"), record.value("stdin"),
-                          record.value("stdout"), record.values("fd") });
+                          record.value("stdout"), record.values("fd"),
+                          std::strtoll(record.value("started").c_str(), nullptr, 10) });
     }
     return tools;
 }

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <filesystem>
 #include <map>
 #include <mutex>
@@ -28,6 +29,7 @@ struct ToolRecord {
     std::string standardInput;                      // null, pipe, socket, other or closed
     std::string standardOutput;
     std::vector<std::string> descriptors;           // every one it was started with: "<number> <kind>"
+    int64_t started = 0;                            // CLOCK_MONOTONIC (ns) when its main began
 
     std::vector<std::string> arguments() const { return { argv.begin() + (argv.empty() ? 0 : 1), argv.end() }; }
 };
@@ -65,8 +67,9 @@ public:
 
     // Every record of `kind` so far, in the order they arrived.
     std::vector<standin::Record> all(const std::string& kind) const;
-    // The same, each as the values of its fields but pid and ms, separated
-    // by blanks: "started <argv...>", "IsServerReadyForBottle Office".
+    // The same, each as the values of its fields but pid, ms and started
+    // (a tool's start time), separated by blanks: "started <argv...>",
+    // "IsServerReadyForBottle Office".
     std::vector<std::string> texts(const std::string& kind) const;
     // The records' times (ms) whose text is `text`.
     std::vector<int64_t> times(const std::string& kind, const std::string& text) const;

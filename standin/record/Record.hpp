@@ -10,7 +10,8 @@
 // (g_get_monotonic_time() / 1000 in any process).
 //
 // Kinds and their fields:
-//   tool      vtmenu, vtstart or wine started: role, fd (each descriptor
+//   tool      vtmenu, vtstart or wine started: role, started (CLOCK_MONOTONIC
+//             in nanoseconds, read first thing in main), fd (each descriptor
 //             it was started with: its number, a blank and what it is, as
 //             descriptorKind() names it), arg (argv[0] first), env
 //             (NAME=VALUE, each as given), cwd, stdin and stdout (what the

@@ -127,7 +127,9 @@ namespace {
 bool actsAsWineLoader(const std::string& role, char** argv)
 {
     const char* socket = std::getenv(kAltLoaderSocketVariable);
-    return (role == "vtmenu" || role == "vtstart") && socket && *socket && hasArgument(argv, "--enable-alt-loader");
+    const char* setting = std::getenv("VT_STANDIN_LOADER");
+    return (role == "vtmenu" || role == "vtstart") && socket && *socket && hasArgument(argv, "--enable-alt-loader")
+        && !(setting && std::strcmp(setting, "none") == 0);
 }
 
 void handOverToLauncher(const std::string& role, char** argv, const EndSignals& signals)

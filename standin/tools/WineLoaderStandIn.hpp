@@ -9,7 +9,9 @@
 // after argv[0]; descriptors 0, 1, 2, one end of a socket pair standing for
 // the Wine server socket and, with "--wait-children", the write end of a
 // pipe as the wait-children pipe. VT_STANDIN_LOADER=other-arch sends the
-// other architecture's request type instead of this build's.
+// other architecture's request type instead of this build's;
+// VT_STANDIN_LOADER=none keeps the tool from playing the loader at all, so
+// the launcher waits for a loader that never comes.
 //
 // It records the outcome (a loader record, standin/record/Record.hpp). After
 // "proceed" it lets go of everything it handed over; with "--wait-children"
@@ -28,8 +30,8 @@ namespace vt::standin {
 inline constexpr const char* kAltLoaderSocketVariable = "VT_APPRUNNER_ALT_LOADER_SOCKET";
 
 // Whether the tool `role` started with `argv` (NULL-terminated) plays the
-// Wine loader: vtmenu or vtstart, "--enable-alt-loader" among its arguments
-// and the socket variable set.
+// Wine loader: vtmenu or vtstart, "--enable-alt-loader" among its arguments,
+// the socket variable set and VT_STANDIN_LOADER not "none".
 bool actsAsWineLoader(const std::string& role, char** argv);
 
 [[noreturn]] void handOverToLauncher(const std::string& role, char** argv, const EndSignals& signals);

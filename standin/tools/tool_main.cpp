@@ -5,7 +5,9 @@
 //
 // On start it sends a tool record (standin/record/Record.hpp) with what it
 // was given: its arguments, its whole environment, its working directory,
-// what its standard streams are and every descriptor it was started with. It reaches the test through
+// what its standard streams are and every descriptor it was started with,
+// and when its main began (what a benchmark takes as the moment the tool
+// was executed). It reaches the test through
 // VT_STANDIN_RECORDS, which the test puts into the helper server's
 // environment dictionary: the launcher gives its tools that dictionary and
 // nothing else of its own environment.
@@ -31,6 +33,7 @@
 #include <string>
 #include <vector>
 
+#include <time.h>
 #include <unistd.h>
 
 #include "standin/record/Record.hpp"
@@ -41,10 +44,12 @@ extern char** environ;
 
 namespace {
 
-vt::standin::Record startRecord(const std::string& role, char** argv, const std::vector<int>& descriptors)
+vt::standin::Record startRecord(const std::string& role, char** argv, const std::vector<int>& descriptors,
+                                const timespec& started)
 {
     vt::standin::Record record("tool");
     record.add("role", role);
+    record.add("started", std::to_string(started.tv_sec * 1000000000LL + started.tv_nsec));
     for (int fd : descriptors)
         record.add("fd", std::to_string(fd) + " " + vt::standin::descriptorKind(fd));
     for (char** argument = argv; *argument; ++argument)
@@ -90,12 +95,16 @@ bool startsWindowCommandTool(const std::string& role, int argc, char** argv)
 
 int main(int argc, char** argv)
 {
+    // The earliest moment this program can see of its own start: one read of
+    // the clock, before anything else is done.
+    timespec started {};
+    clock_gettime(CLOCK_MONOTONIC, &started);
     // First of all, before this program opens any of its own.
     std::vector<int> descriptors = vt::standin::openDescriptors();
     std::string role = std::filesystem::path(argv[0]).filename();
     // Before the record: a test that has seen the record may end us at once.
     vt::standin::EndSignals signals;
-    vt::standin::send(startRecord(role, argv, descriptors));
+    vt::standin::send(startRecord(role, argv, descriptors, started));
     if (startsWindowCommandTool(role, argc, argv))
         execWindowCommandTool(argv);
     if (vt::standin::actsAsWineLoader(role, argv))
