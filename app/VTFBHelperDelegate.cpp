@@ -97,6 +97,11 @@ void VTFBHelperDelegate::showStatusItem(StatusItemMoment moment)
     std::string title = infoString("CFBundleName").value_or(
         bundle ? bundle->bundlePath().stem().string() : std::string("vtlauncher"));
     std::string id = bundle ? bundle->bundleIdentifier().value_or(title) : title;
+    // Start-up may wait long for the helper server or the bottle; the item
+    // says what for, and the menu is there to quit meanwhile.
+    std::optional<std::string> toolTip;
+    if (moment == StatusItemMoment::BeforeWaiting)
+        toolTip = formatMessage("Getting %@ ready…", infoString("VTHelperAppBottleName").value_or(title));
     try {
         m_statusItem = std::make_unique<StatusNotifierItem>(id, title, *m_trayIcons->paintTile(),
                                                             StatusNotifierItem::Callbacks {
@@ -105,7 +110,7 @@ void VTFBHelperDelegate::showStatusItem(StatusItemMoment moment)
             .menuAction = [this](const std::string& action) {
                 m_application.sendEventsFromMainLoop({ Event { Event::Type::MenuItem, {}, action } });
             },
-        });
+        }, toolTip);
     } catch (const std::exception& error) {
         // Without a session bus that has been said already.
         if (m_application.hasSessionBus())
@@ -114,12 +119,7 @@ void VTFBHelperDelegate::showStatusItem(StatusItemMoment moment)
             VTLog("no icon in the status area: %s", error.what());
         return;
     }
-    // Start-up may wait long for the helper server or the bottle; the item
-    // says what for, and the menu is there to quit meanwhile.
     m_statusTitle = title;
-    if (moment == StatusItemMoment::BeforeWaiting)
-        m_statusItem->setToolTip(
-            formatMessage("Getting %@ ready…", infoString("VTHelperAppBottleName").value_or(title)));
     Menu menu = m_application.mainMenu();
     formatMenuItemsWithBundleName(menu);
     m_statusItem->setMenu(menu);
@@ -178,8 +178,8 @@ bool VTFBHelperDelegate::waitForBottle()
     // a first start), and the launcher waits as long as the server is there.
     try {
         while (!m_helperServerProxy->isServerReadyForBottle(m_settings.bottleName.value_or(""))) {
-            VTLog("bottle %@ is not ready yet", m_settings.bottleName.value_or("(none)"));
             showStatusItem(StatusItemMoment::BeforeWaiting);
+            VTLog("bottle %@ is not ready yet", m_settings.bottleName.value_or("(none)"));
             m_application.sleepDuringLaunch(1s);
         }
         return true;

@@ -6,6 +6,7 @@
 #include <utility>
 #include <vector>
 
+#include <pthread.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -65,6 +66,10 @@ private:
 };
 
 template <typename Owner> OutPtr<Owner> outPtr(Owner& owner) noexcept { return OutPtr<Owner>(owner); }
+
+// Names the calling thread as `top -H`, ps and debuggers show it (at
+// most 15 characters), so that the launcher's threads can be told apart.
+inline void nameThisThread(const char* name) noexcept { ::pthread_setname_np(::pthread_self(), name); }
 
 // Whether `count` more descriptors can be made now: a probe, which makes
 // them and closes them again (errno tells why not). GLib ends the process

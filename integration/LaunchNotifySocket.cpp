@@ -13,14 +13,13 @@
 #include <unistd.h>
 
 #include "base/PlatformLog.hpp"
+#include "base/posix_glue.hpp"
 #include "shell/PrivateDirectory.hpp"
 
 namespace vt {
 
 namespace {
     constexpr int kBacklog = 5;
-    // How long the watcher waits when nothing happens before it looks again.
-    constexpr std::chrono::milliseconds kWatchInterval { 1000 };
     // Out of descriptors on accept: the connection stays in the backlog, and
     // the watcher tries again after this instead of spinning on it.
     constexpr std::chrono::milliseconds kAcceptRetryInterval { 100 };
@@ -157,7 +156,7 @@ bool LaunchNotifySocket::checkNotificationSocket(timeval timeout)
     }
 }
 
-size_t LaunchNotifySocket::watchOnce(std::chrono::milliseconds timeout)
+size_t LaunchNotifySocket::watchOnce(std::optional<std::chrono::milliseconds> timeout)
 {
     int listening = -1;
     {
@@ -166,14 +165,20 @@ size_t LaunchNotifySocket::watchOnce(std::chrono::milliseconds timeout)
         if (m_launchnotifysocket)
             listening = m_launchnotifysocket.get();
     }
+    // Without a time-out or a deadline the wait has no end: an idle
+    // launcher does not wake until a message, a stop or a new socket comes
+    // (the last two through the wake-up).
     const Clock::time_point now = Clock::now();
-    Clock::time_point until = now + timeout;
+    std::optional<Clock::time_point> until;
+    if (timeout)
+        until = now + *timeout;
+    auto deadline = [&until](Clock::time_point at) { until = until ? std::min(*until, at) : at; };
     const bool room = listening >= 0 && m_connections.size() < kMaxOpenConnections;
     const bool mayAccept = room && (!m_acceptFailing || now >= m_acceptAgainAt);
     if (room && !mayAccept)
-        until = std::min(until, m_acceptAgainAt);
+        deadline(m_acceptAgainAt);
     for (const auto& connection : m_connections)
-        until = std::min(until, connection.deadline);
+        deadline(connection.deadline);
 
     // The wake-up, the listening socket while there is room, every open connection.
     std::vector<pollfd> watched;
@@ -187,7 +192,7 @@ size_t LaunchNotifySocket::watchOnce(std::chrono::milliseconds timeout)
         watched.push_back({ connection.fd.get(), POLLIN, 0 });
     if (watched.empty())
         return 0;
-    if (::poll(watched.data(), watched.size(), milliseconds(until - now)) < 0)
+    if (::poll(watched.data(), watched.size(), until ? milliseconds(*until - now) : -1) < 0)
         return 0;
     if (m_wake && watched[0].revents) {
         // Stopping, or the socket has just been made.
@@ -418,9 +423,10 @@ void LaunchNotifySocket::monitorFeedbackSocket()
     }
     try {
         m_watcher = std::thread([this] {
+            nameThisThread("vt-tray");
             while (!m_stopping) {
                 try {
-                    watchOnce(kWatchInterval);
+                    watchOnce(std::nullopt);
                 } catch (const std::exception& error) {
                     // Out of memory for one message: the next may fare better.
                     platformLog("Cannot take a message from the launchnotifysocket: %s.\n", error.what());

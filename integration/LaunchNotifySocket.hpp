@@ -111,9 +111,10 @@ private:
         int error; // the read's errno when it failed or timed out
     };
 
-    // One turn: a wait of at most `timeout`, the accepts, the reads. The
-    // number of connections done with.
-    size_t watchOnce(std::chrono::milliseconds timeout);
+    // One turn: a wait of at most `timeout` (without one, until something
+    // happens or the nearest deadline), the accepts, the reads. The number
+    // of connections done with.
+    size_t watchOnce(std::optional<std::chrono::milliseconds> timeout);
     // Takes what the backlog holds, up to the limit; the number refused.
     size_t acceptConnections(int listening);
     // Reads what has arrived; true when the connection is done with, and

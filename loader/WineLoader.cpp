@@ -12,6 +12,7 @@
 
 #include "base/PlatformLog.hpp"
 #include "base/VTLog.hpp"
+#include "base/posix_glue.hpp"
 #include "loader/WineLoaderClientConnection.hpp"
 #include "shell/Application.hpp"
 #include "shell/PrivateDirectory.hpp"
@@ -63,7 +64,10 @@ std::shared_ptr<WineLoader> WineLoader::create(std::string vantorRoot, const std
     std::shared_ptr<WineLoader> loader(new WineLoader(std::move(vantorRoot), layout));
     if (!loader->listenAt(directory))
         return nullptr;
-    loader->m_acceptThread = std::thread([raw = loader.get()] { raw->acceptConnections(); });
+    loader->m_acceptThread = std::thread([raw = loader.get()] {
+        nameThisThread("vt-loader");
+        raw->acceptConnections();
+    });
     return loader;
 }
 

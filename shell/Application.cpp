@@ -16,6 +16,7 @@
 #include "base/NotificationCenter.hpp"
 #include "base/PlatformLog.hpp"
 #include "base/VTLog.hpp"
+#include "base/posix_glue.hpp"
 #include "source/VTBundle.hpp"
 
 namespace vt {
@@ -62,7 +63,10 @@ public:
                 return true;
             }, m_context.get());
         }
-        m_thread = std::thread([this] { g_main_loop_run(m_loop.get()); });
+        m_thread = std::thread([this] {
+            nameThisThread("vt-signals");
+            g_main_loop_run(m_loop.get());
+        });
     }
 
     ~QuitSignals()

@@ -14,6 +14,7 @@
 
 #include "base/MainLoop.hpp"
 #include "base/VTLog.hpp"
+#include "base/posix_glue.hpp"
 
 namespace vt {
 
@@ -157,7 +158,8 @@ namespace {
 
 class StatusNotifierItem::Service {
 public:
-    Service(std::string id, std::string title, const GdkPixbuf& icon, Callbacks callbacks);
+    Service(std::string id, std::string title, const GdkPixbuf& icon, Callbacks callbacks,
+            std::optional<std::string> toolTip);
     ~Service();
     Service(const Service&) = delete;
     Service& operator=(const Service&) = delete;
@@ -236,13 +238,14 @@ private:
     MainQueueToken m_mainQueue;
 };
 
-StatusNotifierItem::Service::Service(std::string id, std::string title, const GdkPixbuf& icon, Callbacks callbacks)
+StatusNotifierItem::Service::Service(std::string id, std::string title, const GdkPixbuf& icon, Callbacks callbacks,
+                                     std::optional<std::string> toolTip)
     : m_id(validUtf8(id))
     , m_title(validUtf8(title))
     , m_busName("org.kde.StatusNotifierItem-" + std::to_string(getpid()) + "-1")
     , m_callbacks(std::move(callbacks))
     , m_iconPixmap(adopt(iconPixmapValue(icon)))
-    , m_toolTip(m_title)
+    , m_toolTip(toolTip ? validUtf8(*toolTip) : m_title)
     , m_menuClicks(std::make_shared<MenuClicks>(MenuClicks { m_callbacks.menuAction, {} }))
 {
     GErrorHolder error;
@@ -256,7 +259,10 @@ StatusNotifierItem::Service::Service(std::string id, std::string title, const Gd
     // and that thread never waits for this one.
     std::promise<void> ready;
     std::future<void> started = ready.get_future();
-    m_thread = std::thread([this, &ready] { run(ready); });
+    m_thread = std::thread([this, &ready] {
+        nameThisThread("vt-status-item");
+        run(ready);
+    });
     try {
         started.get();
     } catch (...) {
@@ -587,8 +593,10 @@ void StatusNotifierItem::Service::onMenuItemActivated(DbusmenuMenuitem*, guint, 
     }
 }
 
-StatusNotifierItem::StatusNotifierItem(std::string id, std::string title, const GdkPixbuf& icon, Callbacks callbacks)
-    : m_service(std::make_unique<Service>(std::move(id), std::move(title), icon, std::move(callbacks)))
+StatusNotifierItem::StatusNotifierItem(std::string id, std::string title, const GdkPixbuf& icon, Callbacks callbacks,
+                                       std::optional<std::string> toolTip)
+    : m_service(std::make_unique<Service>(std::move(id), std::move(title), icon, std::move(callbacks),
+                                          std::move(toolTip)))
 {
 }
 

@@ -12,6 +12,7 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "shell/Menu.hpp"
@@ -35,12 +36,14 @@ public:
 
     // Exported on the session bus at once: the object and its (empty) menu
     // are there when this returns; the bus name and the registration follow
-    // from the item's thread. `id` and `title` are the item's Id and Title
-    // (Title is also the tooltip until setToolTip); the pixmap is `icon`
+    // from the item's thread. `id` and `title` are the item's Id and Title;
+    // the tooltip is `toolTip`, or else the title, until setToolTip (given
+    // here, no watcher ever sees another first); the pixmap is `icon`
     // (scaled to 128 x 128 when it has another size) until setIcon. Throws
     // std::runtime_error without a session bus or when the object cannot be
     // exported (another item in this process). Main thread.
-    StatusNotifierItem(std::string id, std::string title, const GdkPixbuf& icon, Callbacks callbacks);
+    StatusNotifierItem(std::string id, std::string title, const GdkPixbuf& icon, Callbacks callbacks,
+                       std::optional<std::string> toolTip = std::nullopt);
     ~StatusNotifierItem();
     StatusNotifierItem(const StatusNotifierItem&) = delete;
     StatusNotifierItem& operator=(const StatusNotifierItem&) = delete;
