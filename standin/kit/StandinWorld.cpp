@@ -105,7 +105,7 @@ TestProcess& StandinWorld::startLauncher(const std::vector<std::string>& argumen
     if (launcher.empty()) {
         launcherInfo["CFBundleExecutable"] = "Notepad";
         writeInfoPlist(dir / "Notepad.app", launcherInfo);
-        launcher = installExecutable(dir / "Notepad.app", "Notepad", VT_LAUNCHER_PATH);
+        launcher = installExecutable(dir / "Notepad.app", "Notepad", launcherBinary);
     }
     // The main application it starts may serve the helper server itself.
     writeServerDictionary();

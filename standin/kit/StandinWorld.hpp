@@ -43,6 +43,7 @@ public:
     RecordReader records { dir / "records" };
     std::filesystem::path mainApp;  // the registered copy of the main application, with the tools
     std::filesystem::path launcher; // the launcher bundle's executable, once made
+    std::filesystem::path launcherBinary = VT_LAUNCHER_PATH; // what that executable is a copy of
     PlistDict launcherInfo {
         { "CFBundleIdentifier", "com.example.Notepad" },
         { "CFBundleName", "Notepad" },
@@ -71,7 +72,7 @@ public:
     // loses the name, SIGUSR2 stops answering).
     void signalHelperServer(int signalNumber);
 
-    // Makes the launcher bundle from launcherInfo (once) and starts it in
+    // Makes the launcher bundle from launcherInfo and launcherBinary (once) and starts it in
     // dir with `arguments`. Runs are counted from 0 and live as long as the world.
     TestProcess& startLauncher(const std::vector<std::string>& arguments = {}, const EnvironmentChanges& extra = {});
     // What the n-th launcher run has written to standard error so far.
