@@ -223,6 +223,7 @@ void VTFBHelperDelegate::formatMenuItemsWithBundleName(Menu& menu)
 
 void VTFBHelperDelegate::applicationDidFinishLaunching()
 {
+    m_program.startUpFinished();
     // The program has been started: the item stands for it (again).
     if (m_statusItemShown) {
         if (m_statusItem)

@@ -119,7 +119,12 @@ std::unique_ptr<VTTask> WindowsProgram::createWineTaskWithLaunchPath(
 
     Environment environment;
     try {
-        environment = m_helperServer->getEnvironmentForXConnection();
+        if (m_startUpEnvironment)
+            environment = *m_startUpEnvironment;
+        else
+            environment = m_helperServer->getEnvironmentForXConnection();
+        if (m_startingUp)
+            m_startUpEnvironment = environment;
     } catch (const HelperServerError& error) {
         // After start-up the server may have gone or hung; nothing else
         // says so, and the opening it was made for comes to nothing.
