@@ -76,9 +76,6 @@ namespace {
         g_dbus_connection_call(bus, destination, path, interface, method, parameters, nullptr,
                                G_DBUS_CALL_FLAGS_NO_AUTO_START, kCallTimeoutMilliseconds, nullptr, onReply,
                                new Call { destination, method });
-        // Written before this returns (no round trip): a process that ends
-        // right after has still made its request.
-        g_dbus_connection_flush_sync(bus, nullptr, nullptr);
     }
 
     std::optional<std::filesystem::path> bundleOfProcess(uint32_t pid)

@@ -60,7 +60,10 @@ bool VT_launchAppWithBundleIdentifier(const std::optional<std::string>& bundleId
 // receives org.freedesktop.Application.Open, then Activate unless `options`
 // has kLaunchDontSwitch; otherwise the chosen bundle's executable is started
 // in the background with the URLs as its arguments. True when the request was
-// delivered or the copy started. Throws AssertionFailure without an identifier.
+// delivered or the copy started: the Open is sent, not waited for (a time-out
+// or a refusal is logged from the main loop), so a process that ends right
+// after must flush the session bus first, as the launcher's end does. Throws
+// AssertionFailure without an identifier.
 bool VT_openURLs(const std::vector<std::string>& urls, const std::optional<std::string>& bundleIdentifier,
                  const std::optional<std::string>& scheme, uint32_t options);
 

@@ -7,6 +7,7 @@
 #include <functional>
 #include <future>
 #include <set>
+#include <thread>
 
 #include <fcntl.h>
 #include <grp.h>
@@ -30,6 +31,7 @@
 using namespace vt;
 using namespace vt::test;
 using namespace std::string_literals;
+using namespace std::chrono_literals;
 using standin::encodeRequestHead;
 using standin::nulTerminated;
 
@@ -44,6 +46,21 @@ std::set<int> descriptorsOf(pid_t pid)
     for (const auto& entry : std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/fd", error))
         numbers.insert(std::stoi(entry.path().filename().string()));
     return numbers;
+}
+
+// How many descriptors `pid` holds once it has settled: the same count
+// three times over 200 ms (the connection a hand-back came on, say, is
+// closed a moment after the tool it started has recorded itself).
+size_t settledDescriptorCount(pid_t pid)
+{
+    size_t count = descriptorsOf(pid).size();
+    for (int same = 0; same < 2;) {
+        std::this_thread::sleep_for(100ms);
+        size_t now = descriptorsOf(pid).size();
+        same = now == count ? same + 1 : 0;
+        count = now;
+    }
+    return count;
 }
 
 size_t occurrences(const std::string& text, const std::string& part)
@@ -153,7 +170,7 @@ TEST_F(DescriptorHygiene, FloodsOfMalformedInputLeakNothingAndChildrenInheritOnl
     const ToolRecord menu = w.records.tools("vtmenu").at(0);
     const std::string loaderSocket = menu.environment.at("VT_APPRUNNER_ALT_LOADER_SOCKET");
     const std::string traySocket = menu.environment.at("VT_SYSTRAY_SOCKET");
-    const size_t before = descriptorsOf(launcher.pid()).size();
+    const size_t before = settledDescriptorCount(launcher.pid());
 
     // Bytes, then the carrier with that many descriptors (none: no carrier),
     // then more bytes; each connection is closed at once.
