@@ -25,10 +25,12 @@ extern "C" {
 #define VT_EXPORT __attribute__((visibility("default")))
 
 typedef enum vt_event_type {
-    VT_EVENT_OPEN_UNTITLED = 1, /* launched or reopened without documents */
+    VT_EVENT_OPEN_UNTITLED = 1, /* launched without documents */
     VT_EVENT_OPEN_FILES = 2,    /* items: absolute file paths */
     VT_EVENT_OPEN_URL = 3,      /* items[0]: the URL */
-    VT_EVENT_REOPEN = 4,        /* launched again while running, no documents */
+    VT_EVENT_REOPEN = 4,        /* launched again while running, no documents;
+                                   its untitled-file questions follow without
+                                   an event of their own */
     VT_EVENT_ACTIVATE = 5,      /* the user activated the launcher */
     VT_EVENT_QUIT_REQUEST = 6,  /* a signal, the quit action or the menu */
     VT_EVENT_MENU_ITEM = 7      /* action: the menu item's action */
