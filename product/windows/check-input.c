@@ -50,8 +50,10 @@ int wmain(int argc, wchar_t** argv)
     const wchar_t* step = argv[2];
     if (wcscmp(step, L"type") == 0 && argc > 3) {
         SetForegroundWindow(window);
-        /* At the end of the text, after what is there. */
-        int end = GetWindowTextLengthW(edit);
+        /* At the end of the text, after what is there. Asked of the window
+         * itself: GetWindowTextLength does not reach into another process's
+         * edit box. */
+        LRESULT end = SendMessageW(edit, WM_GETTEXTLENGTH, 0, 0);
         SendMessageW(edit, EM_SETSEL, (WPARAM)end, (LPARAM)end);
         for (const wchar_t* c = argv[3]; *c; c++)
             SendMessageW(edit, WM_CHAR, *c, 1);
