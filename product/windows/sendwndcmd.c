@@ -121,7 +121,8 @@ static BOOL nameIsExcluded(const wchar_t* imageName)
 
 /* Reads the whole environment block of another process, a page at a time (a
  * read may not cross into memory that is not there). Returns a malloc'ed
- * block of wide strings ending with an empty one, or NULL. */
+ * block of wide strings ending with an empty one, or NULL when the whole
+ * block could not be read. */
 static wchar_t* readEnvironment(HANDLE process)
 {
     PROCESS_BASIC_INFORMATION basic;
@@ -171,12 +172,10 @@ static wchar_t* readEnvironment(HANDLE process)
                 return (wchar_t*)block;
         }
     }
-    if (!block)
-        return NULL;
-    /* Cut short: close it so the reader stops. */
-    size -= size % sizeof(wchar_t);
-    memset(block + size, 0, 2 * sizeof(wchar_t));
-    return (wchar_t*)block;
+    /* Unreadable or without its end: not known, which is not the same as
+     * known to be without the tag. */
+    free(block);
+    return NULL;
 }
 
 static BOOL environmentHasTag(const wchar_t* environment, const wchar_t* tag)
@@ -354,7 +353,7 @@ static BOOL flagNumber(const char* arguments, const char* flag, unsigned long lo
             continue;
         const char* digits = at + strlen(flag);
         char* end = NULL;
-        *value = strtoull(digits, &end, 0);
+        *value = strtoull(digits, &end, 10);
         return end != digits;
     }
     return FALSE;
