@@ -14,12 +14,14 @@
  *   -e <a;b;...>     processes to leave alone, by image name without ".exe",
  *                    compared without regard to case (the launcher names the
  *                    desktop shell and the program runner, whose windows are
- *                    not the program's). Wine's own system processes
- *                    (services, winedevice, plugplay, svchost, rpcss,
- *                    conhost, wineboot, winedbg, start) are always left alone:
- *                    they are started by the bottle's first program and so
- *                    inherit its environment, tag included. The tool itself is
- *                    left alone too.
+ *                    not the program's). Wine's own processes (services,
+ *                    winedevice, plugplay, svchost, rpcss, conhost, wineboot,
+ *                    winedbg, and start, which only waits for the program it
+ *                    runs) are always left alone: the first program of a
+ *                    bottle starts Wine's services, which so inherit its
+ *                    environment, tag included, and their hidden windows are
+ *                    not the program's to end. The tool itself is left alone
+ *                    too.
  *
  * Requests, one per line:
  *   -t <tag> -c <id> -a <command text to the end of the line>
@@ -77,7 +79,7 @@
 #include <string.h>
 #include <wchar.h>
 
-/* Wine's system processes: see the header comment. */
+/* Wine's own processes: see the header comment. */
 static const wchar_t* const systemProcesses[] = {
     L"services", L"winedevice", L"plugplay", L"svchost", L"rpcss", L"conhost", L"wineboot", L"winedbg", L"start",
 };
