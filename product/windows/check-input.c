@@ -49,7 +49,6 @@ int wmain(int argc, wchar_t** argv)
         return 1;
     const wchar_t* step = argv[2];
     if (wcscmp(step, L"type") == 0 && argc > 3) {
-        SetForegroundWindow(window);
         /* At the end of the text, after what is there. Asked of the window
          * itself: GetWindowTextLength does not reach into another process's
          * edit box. */
