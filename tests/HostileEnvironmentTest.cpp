@@ -11,13 +11,17 @@
 #include <csignal>
 #include <cstring>
 #include <fstream>
+#include <functional>
 #include <map>
+#include <memory>
 #include <regex>
 #include <thread>
+#include <utility>
 
 #include <gtest/gtest.h>
 
 #include "integration/LaunchNotifySocket.hpp"
+#include "loader/WineLoaderProtocol.hpp"
 #include "integration/WindowCommandChannel.hpp"
 #include "shell/HelperServerClient.hpp"
 #include "shell/Menu.hpp"
@@ -34,6 +38,41 @@ namespace {
 using Strings = std::vector<std::string>;
 using Clock = std::chrono::steady_clock;
 
+// A thread with a small stack: a thousand of them fit in a 32-bit address
+// space, and a parser's recursion shows up long before 8 MiB would.
+class SmallStackThread {
+public:
+    SmallStackThread(std::function<void()> body, size_t stackBytes) : m_body(std::move(body))
+    {
+        pthread_attr_t attributes;
+        pthread_attr_init(&attributes);
+        pthread_attr_setstacksize(&attributes, stackBytes);
+        m_started = pthread_create(&m_thread, &attributes, run, this) == 0;
+        pthread_attr_destroy(&attributes);
+    }
+    ~SmallStackThread() { join(); }
+    SmallStackThread(const SmallStackThread&) = delete;
+    SmallStackThread& operator=(const SmallStackThread&) = delete;
+
+    bool started() const { return m_started; }
+    void join()
+    {
+        if (std::exchange(m_started, false))
+            pthread_join(m_thread, nullptr);
+    }
+
+private:
+    static void* run(void* self)
+    {
+        static_cast<SmallStackThread*>(self)->m_body();
+        return nullptr;
+    }
+
+    std::function<void()> m_body;
+    pthread_t m_thread {};
+    bool m_started = false;
+};
+
 size_t occurrences(const std::string& text, const std::string& part)
 {
     size_t count = 0;
@@ -46,7 +85,11 @@ size_t occurrences(const std::string& text, const std::string& part)
 // library), so activation and quitting are the launcher's to handle.
 class Hostile : public ::testing::Test {
 protected:
-    Hostile() { std::filesystem::remove(w.mainApp / "Contents/SharedSupport/Vantor/lib64/libwine.so.1"); }
+    Hostile()
+    {
+        std::filesystem::remove(w.mainApp / "Contents/SharedSupport/Vantor" / vt::kNativeWineLoaderLayout.libraryDirectory
+                                / vt::kWineLibraryName);
+    }
 
     // Starts the launcher and waits until the window-command tool and the
     // program run and the launch's own activation has asked for windows.
@@ -395,18 +438,11 @@ TEST_F(HostileMenu, DeepListsAreRefusedWithoutRecursionEvenOnASmallStack)
     std::vector<Job> jobs { { nestedXml(100000), {}, {} }, { nestedBinary(100000), {}, {} },
                             { sharedBinary(60), {}, {} } };
     for (Job& job : jobs) {
-        pthread_attr_t attributes;
-        pthread_attr_init(&attributes);
-        pthread_attr_setstacksize(&attributes, 64 * 1024);
-        pthread_t thread;
-        auto body = [](void* argument) -> void* {
-            auto* job = static_cast<Job*>(argument);
-            job->value = vt::parsePropertyList(job->document.data(), job->document.size(), &job->problem);
-            return nullptr;
-        };
-        ASSERT_EQ(pthread_create(&thread, &attributes, body, &job), 0);
-        pthread_join(thread, nullptr);
-        pthread_attr_destroy(&attributes);
+        SmallStackThread thread(
+            [&job] { job.value = vt::parsePropertyList(job.document.data(), job.document.size(), &job.problem); },
+            64 * 1024);
+        ASSERT_TRUE(thread.started());
+        thread.join();
         EXPECT_FALSE(job.value);
     }
     EXPECT_EQ(jobs[0].problem, "it is nested deeper than 128 levels");
@@ -479,22 +515,23 @@ TEST_F(Hostile, AThousandConcurrentTraySendersAndASilentOneLoseNothingAndKeepThe
     ASSERT_EQ(::connect(silent.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
 
     std::atomic<int> failures = 0, finished = 0;
-    std::vector<std::thread> senders;
-    senders.reserve(kSenders);
+    std::vector<std::unique_ptr<SmallStackThread>> senders;
     for (int sender = 0; sender < kSenders; ++sender) {
-        senders.emplace_back([&, sender] {
-            for (int sequence = 0; sequence < kEach; ++sequence) {
-                auto bytes = vt::standin::trayMessage(vt::kNativeTrayLayout, operation(sender, sequence), {});
-                if (!vt::standin::sendTrayBytes(path, bytes))
-                    ++failures;
-            }
-            ++finished;
-        });
+        senders.push_back(std::make_unique<SmallStackThread>(
+            [&, sender] {
+                for (int sequence = 0; sequence < kEach; ++sequence) {
+                    auto bytes = vt::standin::trayMessage(vt::kNativeTrayLayout, operation(sender, sequence), {});
+                    if (!vt::standin::sendTrayBytes(path, bytes))
+                        ++failures;
+                }
+                ++finished;
+            },
+            256 * 1024));
+        ASSERT_TRUE(senders.back()->started()) << "sender " << sender;
     }
     // The launcher's log comes through a pipe that only the main loop empties.
     EXPECT_TRUE(waitUntil([&] { return finished == kSenders; }, 60s));
-    for (auto& sender : senders)
-        sender.join();
+    senders.clear();
     EXPECT_EQ(failures, 0);
 
     const std::regex unknown("Unknown systray message: (\\d+)\n");

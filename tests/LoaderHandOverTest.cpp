@@ -148,7 +148,8 @@ TEST_F(LoaderHandOver, TheOtherArchitectureGoesBackToVtmenuAndTheRightLoaderIsSt
     EXPECT_EQ(w.records.all("loader").at(0).value("outcome"), "refused");
     ToolRecord repair = w.records.tools("vtmenu").at(1);
     EXPECT_EQ(repair.arguments(),
-              (Strings { "--bottle", "Office", "--arch", "i386", "--install", "--filter", "Programs/Notepad.lnk" }));
+              (Strings { "--bottle", "Office", "--arch", kNativeWineLoaderLayout.otherArchitecture, "--install", "--filter",
+                        "Programs/Notepad.lnk" }));
     EXPECT_EQ(repair.environment, w.serverDictionary) << "none of the launcher's own variables";
     EXPECT_EQ(repair.standardInput, "null");
 
