@@ -1,0 +1,63 @@
+// Makes the product's bottles ready to run programs: a bottle is a Wine
+// prefix under the user's data folder (product/common/ProductPaths.hpp), and
+// the first question about a bottle that is not ready yet starts
+//
+//   <wine> wineboot --init          Wine's own first set-up of the prefix
+//   <wineserver> -w                 until the bottle's wineserver has ended,
+//                                   so that its registry is on disk
+//
+// one after the other, in the background, with WINEPREFIX set to the prefix;
+// then the ready marker is written. Until the marker is there the bottle is
+// not ready. A set-up that fails is logged and forgotten, so that the next
+// question starts it again.
+#pragma once
+
+#include <chrono>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+
+#include "base/glib_glue.hpp"
+
+namespace vt::product {
+
+// Wine quiet on standard error, and without the Mono and Gecko installers
+// that Debian's Wine otherwise offers in a dialog, waiting for a user who is
+// not there, on the first start of every prefix.
+inline constexpr const char* kQuietWineDebug = "-all";
+inline constexpr const char* kNoMonoOrGeckoOverrides = "mscoree,mshtml=";
+
+class BottlePreparation {
+public:
+    BottlePreparation();
+    // Stops listening for the set-ups under way. Their processes go on: a
+    // wineboot ended half-way spoils the prefix, one left to end does not,
+    // and the marker not written yet means the next start checks again.
+    ~BottlePreparation();
+    BottlePreparation(const BottlePreparation&) = delete;
+    BottlePreparation& operator=(const BottlePreparation&) = delete;
+
+    // Whether `bottle` is ready. When it is not, its set-up is started unless
+    // it already runs. A bad name or a missing Wine answers false and is
+    // logged once.
+    bool isReady(const std::string& bottle);
+
+private:
+    struct Step;
+    struct SetUp;
+
+    void start(const std::string& bottle, const std::filesystem::path& prefix, const std::filesystem::path& wine);
+    void runNextStep(SetUp& setUp);
+    static void onStepEnded(GObject* process, GAsyncResult* result, gpointer data) noexcept;
+    void finish(SetUp& setUp);
+    void fail(SetUp& setUp, const std::string& step, const char* why);
+
+    GPtr<GCancellable> m_cancellable;
+    std::map<std::string, std::unique_ptr<SetUp>> m_setUps;
+    std::set<std::string> m_badNamesLogged;
+    bool m_missingWineLogged = false;
+};
+
+} // namespace vt::product
