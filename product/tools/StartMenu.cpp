@@ -1,0 +1,98 @@
+#include "product/tools/StartMenu.hpp"
+
+#include <algorithm>
+#include <cstdlib>
+#include <system_error>
+
+namespace vt::product {
+
+namespace fs = std::filesystem;
+
+namespace {
+    const char* const kStartMenu = "Microsoft/Windows/Start Menu";
+
+    bool sameIgnoringAsciiCase(const std::string& a, const std::string& b)
+    {
+        auto lower = [](unsigned char c) { return c >= 'A' && c <= 'Z' ? c + ('a' - 'A') : c; };
+        return a.size() == b.size()
+            && std::equal(a.begin(), a.end(), b.begin(), [&](char x, char y) { return lower(x) == lower(y); });
+    }
+
+    std::optional<std::vector<std::string>> componentsOf(const std::string& entry)
+    {
+        std::vector<std::string> components;
+        size_t start = 0;
+        while (start <= entry.size()) {
+            size_t end = entry.find_first_of("/\\", start);
+            if (end == std::string::npos)
+                end = entry.size();
+            std::string component = entry.substr(start, end - start);
+            if (component == "." || component == "..")
+                return std::nullopt;
+            if (!component.empty())
+                components.push_back(std::move(component));
+            start = end + 1;
+        }
+        if (components.empty())
+            return std::nullopt;
+        return components;
+    }
+
+    // `name` in `folder` as written, else a name that differs only in case.
+    std::optional<fs::path> child(const fs::path& folder, const std::string& name)
+    {
+        std::error_code error;
+        fs::path exact = folder / name;
+        if (fs::exists(exact, error))
+            return exact;
+        for (const auto& item : fs::directory_iterator(folder, error)) {
+            if (sameIgnoringAsciiCase(item.path().filename().string(), name))
+                return item.path();
+        }
+        return std::nullopt;
+    }
+
+    std::vector<fs::path> userFolders(const fs::path& users)
+    {
+        std::error_code error;
+        if (const char* user = std::getenv("USER"); user && *user && std::string(user).find('/') == std::string::npos
+            && fs::is_directory(users / user, error))
+            return { users / user };
+        std::vector<fs::path> folders;
+        for (const auto& item : fs::directory_iterator(users, error)) {
+            if (item.path().filename() != "Public" && item.is_directory(error))
+                folders.push_back(item.path());
+        }
+        std::sort(folders.begin(), folders.end());
+        return folders;
+    }
+} // namespace
+
+std::vector<fs::path> startMenuFolders(const fs::path& prefix)
+{
+    std::vector<fs::path> folders { prefix / "drive_c/ProgramData" / kStartMenu };
+    for (const fs::path& user : userFolders(prefix / "drive_c/users"))
+        folders.push_back(user / "AppData/Roaming" / kStartMenu);
+    return folders;
+}
+
+std::optional<fs::path> findStartMenuEntry(const std::vector<fs::path>& folders, const std::string& entry)
+{
+    auto components = componentsOf(entry);
+    if (!components)
+        return std::nullopt;
+    for (const fs::path& folder : folders) {
+        std::optional<fs::path> found = folder;
+        for (const std::string& component : *components) {
+            found = child(*found, component);
+            if (!found)
+                break;
+        }
+        std::error_code error;
+        if (found && fs::is_regular_file(*found, error))
+            return found;
+    }
+    return std::nullopt;
+}
+
+} // namespace vt::product
