@@ -1,6 +1,7 @@
 #include "shell/HelperServerClient.hpp"
 
 #include <optional>
+#include <stdexcept>
 
 #include "base/VTLog.hpp"
 #include "base/posix_glue.hpp"
@@ -8,6 +9,25 @@
 namespace vt {
 
 namespace {
+    const char* const introspectionXml = R"(
+<node>
+  <interface name="com.tallowmere.Vantor.HelperServer">
+    <method name="GetEnvironmentForXConnection">
+      <arg direction="out" type="a{ss}" name="environment"/>
+    </method>
+    <method name="IsServerReady">
+      <arg direction="out" type="b" name="ready"/>
+    </method>
+    <method name="IsServerReadyForBottle">
+      <arg direction="in" type="s" name="bottle"/>
+      <arg direction="out" type="b" name="ready"/>
+    </method>
+    <method name="RaiseWindowsWithTag">
+      <arg direction="in" type="x" name="tag"/>
+    </method>
+  </interface>
+</node>)";
+
     // Whether the server's name has an owner now; nothing is started for it.
     // Empty when the bus cannot tell.
     std::optional<bool> nameHasOwner(GDBusConnection* connection, GErrorHolder& error)
@@ -23,6 +43,18 @@ namespace {
         return owned;
     }
 } // namespace
+
+GDBusInterfaceInfo* helperServerInterfaceInfo()
+{
+    static GDBusNodeInfo* node = [] {
+        GErrorHolder error;
+        GDBusNodeInfo* info = g_dbus_node_info_new_for_xml(introspectionXml, error);
+        if (!info)
+            throw std::logic_error(std::string("bad introspection data: ") + error.message());
+        return info;
+    }();
+    return node->interfaces[0];
+}
 
 std::unique_ptr<HelperServerClient> HelperServerClient::lookUp()
 {

@@ -28,6 +28,10 @@ inline constexpr const char* kHelperServerInterface = "com.tallowmere.Vantor.Hel
 // it. Far below GDBus's own 25 seconds.
 inline constexpr std::chrono::milliseconds kHelperServerCallTimeout { 2000 };
 
+// The server's interface as introspection data, for whoever serves it: the
+// product's helper server and the stand-in both export exactly this.
+GDBusInterfaceInfo* helperServerInterfaceInfo();
+
 // A call that the bus or the server refused, a server that went away in the
 // middle of it or gave no answer in time. The message names the method and
 // carries the D-Bus error.

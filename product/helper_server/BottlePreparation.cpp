@@ -8,11 +8,6 @@
 #include "base/PlatformLog.hpp"
 #include "product/common/ProductPaths.hpp"
 
-namespace vt {
-VT_GOBJECT_TRAITS(GSubprocess)
-VT_GOBJECT_TRAITS(GSubprocessLauncher)
-} // namespace vt
-
 namespace vt::product {
 
 // One step of a set-up: what it is called in the log, and what runs.
@@ -90,10 +85,14 @@ void BottlePreparation::start(const std::string& bottle, const std::filesystem::
     setUp->owner = this;
     setUp->bottle = bottle;
     setUp->prefix = prefix;
-    // wineboot ends before the bottle's wineserver does, and the server keeps
-    // the registry in memory until it ends: only then is the prefix whole.
+    // Wine's own set-up gives Notepad the text documents' type but never
+    // names .txt as one, so a text file opened in the bottle would find no
+    // program. wineboot ends before the bottle's wineserver does, and the
+    // server keeps the registry in memory until it ends: only then is the
+    // prefix whole.
     setUp->steps = {
         { "wineboot --init", { wine.string(), "wineboot", "--init" } },
+        { "text documents to Notepad", { wine.string(), "reg", "add", "HKCR\\.txt", "/ve", "/d", "txtfile", "/f" } },
         { "wineserver -w", { wineServer(wine).string(), "-w" } },
     };
     setUp->started = std::chrono::steady_clock::now();

@@ -3,6 +3,7 @@
 // the first question about a bottle that is not ready yet starts
 //
 //   <wine> wineboot --init          Wine's own first set-up of the prefix
+//   <wine> reg add HKCR\.txt ...    text documents open in Notepad
 //   <wineserver> -w                 until the bottle's wineserver has ended,
 //                                   so that its registry is on disk
 //

@@ -13,37 +13,6 @@
 namespace vt::product {
 
 namespace {
-    const char* const introspectionXml = R"(
-<node>
-  <interface name="com.tallowmere.Vantor.HelperServer">
-    <method name="GetEnvironmentForXConnection">
-      <arg direction="out" type="a{ss}" name="environment"/>
-    </method>
-    <method name="IsServerReady">
-      <arg direction="out" type="b" name="ready"/>
-    </method>
-    <method name="IsServerReadyForBottle">
-      <arg direction="in" type="s" name="bottle"/>
-      <arg direction="out" type="b" name="ready"/>
-    </method>
-    <method name="RaiseWindowsWithTag">
-      <arg direction="in" type="x" name="tag"/>
-    </method>
-  </interface>
-</node>)";
-
-    GDBusInterfaceInfo* interfaceInfo()
-    {
-        static GDBusNodeInfo* node = [] {
-            GErrorHolder error;
-            GDBusNodeInfo* info = g_dbus_node_info_new_for_xml(introspectionXml, error);
-            if (!info)
-                throw std::logic_error(std::string("bad introspection data: ") + error.message());
-            return info;
-        }();
-        return node->interfaces[0];
-    }
-
     // What a Windows program needs of the session it is shown in: where to
     // draw, who the user is, the language, the user's folders, the session
     // bus, which Wine the product runs and how the user wants it to run.
@@ -90,7 +59,7 @@ HelperServer::HelperServer(GDBusConnection* connection)
     GErrorHolder error;
     m_object = DBusObjectRegistration(addRef(connection),
                                       g_dbus_connection_register_object(connection, kHelperServerObjectPath,
-                                                                        interfaceInfo(), &vtable, this, nullptr,
+                                                                        helperServerInterfaceInfo(), &vtable, this, nullptr,
                                                                         error));
     if (!m_object)
         throw std::runtime_error(std::string("cannot export the helper server: ") + error.message());

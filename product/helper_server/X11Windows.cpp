@@ -7,6 +7,7 @@
 #include <X11/Xatom.h>
 #include <X11/Xutil.h>
 #include <fcntl.h>
+#include <strings.h>
 #include <unistd.h>
 
 #include "base/PlatformLog.hpp"
@@ -150,7 +151,14 @@ bool X11Windows::isWineWindow(Window window)
     XClassHint hint {};
     if (!XGetClassHint(m_display, window, &hint))
         return false;
-    bool wine = hint.res_class && std::string_view(hint.res_class) == "Wine";
+    // Wine names the class after the program ("notepad.exe") and falls back
+    // to "Wine" where it has no program name.
+    bool wine = false;
+    if (hint.res_class) {
+        std::string_view name(hint.res_class);
+        wine = name == "Wine"
+            || (name.size() > 4 && strcasecmp(hint.res_class + name.size() - 4, ".exe") == 0);
+    }
     if (hint.res_name)
         XFree(hint.res_name);
     if (hint.res_class)

@@ -7,8 +7,8 @@
 // manager, the root's viewable children) whose process (_NET_WM_PID) has
 // exactly VT_WINDOW_TAG=<tag> in its environment (/proc/<pid>/environ). A
 // window whose process cannot be asked (no _NET_WM_PID, a process that is
-// gone or not ours to read) counts when its WM_CLASS class is "Wine": it is a
-// window of a bottle, and a program's window is better raised with others
+// gone or not ours to read) counts when its WM_CLASS class is Wine's, "Wine"
+// or a program's name ending in ".exe": it is a window of a bottle, and a program's window is better raised with others
 // than not at all.
 #pragma once
 

@@ -316,11 +316,12 @@ TEST_F(HelperServerX11Test, RaisesTheTaggedWindowsAboveTheOthersInTheirOrder)
 TEST_F(HelperServerX11Test, AWineWindowCountsOnlyWhenItsProcessCannotBeAsked)
 {
     Window unknownWine = show({ "Wine, no process", std::nullopt, "Wine", false });
+    Window unknownProgram = show({ "a program's own class, no process", std::nullopt, "notepad.EXE", false });
     show({ "something else, no process", std::nullopt, "Other", false });
     show({ "Wine, another program", "303", "Wine" });
     show({ "plain, untagged", std::nullopt });
 
-    EXPECT_EQ(X11Windows(x->name()).windowsWithTag(101), std::vector<Window> { unknownWine });
+    EXPECT_EQ(X11Windows(x->name()).windowsWithTag(101), (std::vector<Window> { unknownWine, unknownProgram }));
 }
 
 TEST_F(HelperServerX11Test, AVanishedWindowOrALostServerFailsTheQuestionNotTheProcess)

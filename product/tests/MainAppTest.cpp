@@ -36,6 +36,7 @@ size_t linesWith(const std::string& text, const std::string& part)
 const char* const kFakeWine = R"(#!/bin/sh
 here=$(dirname "$0")
 echo "wine $* WINEPREFIX=$WINEPREFIX WINEDEBUG=$WINEDEBUG WINEDLLOVERRIDES=$WINEDLLOVERRIDES" >>"$here/calls"
+[ "$1" = reg ] && exit 0
 [ "$1 $2" = "wineboot --init" ] || exit 2
 sleep 1
 [ -e "$here/wineboot-fails" ] && exit 1
@@ -138,6 +139,8 @@ TEST_F(HelperServerTest, MakesABottleOnceAndThenIsReady)
     EXPECT_TRUE(std::filesystem::exists(prefix("Steam") / "system.reg"));
 
     std::string wanted = "wine wineboot --init WINEPREFIX=" + prefix("Steam").string()
+        + " WINEDEBUG=-all WINEDLLOVERRIDES=mscoree,mshtml=\n"
+          "wine reg add HKCR\\.txt /ve /d txtfile /f WINEPREFIX=" + prefix("Steam").string()
         + " WINEDEBUG=-all WINEDLLOVERRIDES=mscoree,mshtml=\n"
           "wineserver -w WINEPREFIX=" + prefix("Steam").string() + "\n";
     EXPECT_EQ(calls(), wanted);

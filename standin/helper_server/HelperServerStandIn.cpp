@@ -14,25 +14,6 @@
 namespace vt::standin {
 
 namespace {
-    const char* const introspectionXml = R"(
-<node>
-  <interface name="com.tallowmere.Vantor.HelperServer">
-    <method name="GetEnvironmentForXConnection">
-      <arg direction="out" type="a{ss}" name="environment"/>
-    </method>
-    <method name="IsServerReady">
-      <arg direction="out" type="b" name="ready"/>
-    </method>
-    <method name="IsServerReadyForBottle">
-      <arg direction="in" type="s" name="bottle"/>
-      <arg direction="out" type="b" name="ready"/>
-    </method>
-    <method name="RaiseWindowsWithTag">
-      <arg direction="in" type="x" name="tag"/>
-    </method>
-  </interface>
-</node>)";
-
     std::optional<unsigned> numberFromEnvironment(const char* name)
     {
         const char* text = std::getenv(name);
@@ -66,18 +47,6 @@ namespace {
         }
         return environment;
     }
-
-    const GDBusInterfaceInfo* interfaceInfo()
-    {
-        static GDBusNodeInfo* node = [] {
-            GErrorHolder error;
-            GDBusNodeInfo* info = g_dbus_node_info_new_for_xml(introspectionXml, error);
-            if (!info)
-                throw std::logic_error(std::string("bad introspection data: ") + error.message());
-            return info;
-        }();
-        return node->interfaces[0];
-    }
 } // namespace
 
 HelperServerSettings HelperServerSettings::fromEnvironment()
@@ -106,7 +75,7 @@ HelperServerStandIn::HelperServerStandIn(GDBusConnection* connection, HelperServ
     GErrorHolder error;
     m_object = DBusObjectRegistration(
         addRef(connection), g_dbus_connection_register_object(connection, kHelperServerObjectPath,
-                                                      const_cast<GDBusInterfaceInfo*>(interfaceInfo()), &vtable, this,
+                                                      helperServerInterfaceInfo(), &vtable, this,
                                                       nullptr, error));
     if (!m_object)
         throw std::runtime_error(std::string("cannot export the helper server: ") + error.message());
