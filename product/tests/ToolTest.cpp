@@ -53,6 +53,10 @@ if [ -n "${VT_FAKE_LINGER:-}" ]; then
     # Its parent ends at once, as a daemon's does: only a subreaper sees it end.
     ( ( sleep "$VT_FAKE_LINGER"; echo "lingerer ended" >> "$record" ) & ) &
 fi
+if [ -n "${VT_FAKE_SERVICE:-}" ]; then
+    # A bottle's service, named as Wine's are, that stays on.
+    ( "$VT_FAKE_SERVICE" 60 & echo "service $!" >> "$record" ) &
+fi
 if [ -n "${VT_FAKE_TRAP:-}" ]; then
     caught() {
         echo "got $1" >> "$record"
@@ -93,7 +97,8 @@ protected:
         m_environment.set("VT_PRODUCT_WINE", (m_dir / "fake-wine").string());
         m_environment.set("VT_FAKE_RECORD", record().string());
         m_environment.set("XDG_DATA_HOME", (m_dir / "data").string());
-        for (const char* name : { "WINEPREFIX", "WINEDEBUG", "VT_FAKE_LINGER", "VT_FAKE_TRAP", "VT_FAKE_STATUS" })
+        for (const char* name : { "WINEPREFIX", "WINEDEBUG", "VT_FAKE_LINGER", "VT_FAKE_SERVICE", "VT_FAKE_TRAP",
+                                  "VT_FAKE_STATUS" })
             m_environment.unset(name);
     }
 
@@ -372,9 +377,19 @@ TEST_F(ProductToolTest, WineGetsTheLaunchersEnvironmentWithTheBottlesPrefixAndNo
 
 TEST_F(ProductToolTest, WaitsForWhatTheProgramLeftBehindOnlyWhenAskedTo)
 {
-    Outcome waited = run("vtmenu", kUntitled, { { "VT_FAKE_LINGER", "1" }, { "VT_FAKE_STATUS", "7" } });
+    // The bottle's wineserver, started with the program, serves the bottle's
+    // other programs after it: the tool ends without it.
+    fs::create_symlink("/bin/sleep", m_dir / "wineserver");
+    Outcome waited = run("vtmenu", kUntitled,
+                         { { "VT_FAKE_LINGER", "1" }, { "VT_FAKE_STATUS", "7" },
+                           { "VT_FAKE_SERVICE", (m_dir / "wineserver").string() } });
     EXPECT_EQ(waited.status, 7);
     EXPECT_TRUE(recorded("lingerer ended"));
+    std::string written = readFile(record());
+    size_t service = written.find("service ");
+    ASSERT_NE(service, std::string::npos) << written;
+    pid_t server = std::stoi(written.substr(service + 8));
+    EXPECT_EQ(::kill(server, SIGKILL), 0) << "the wineserver went with the tool";
 
     fs::remove(record());
     Outcome plain = run("vtstart", kUrl, { { "VT_FAKE_LINGER", "2" } });

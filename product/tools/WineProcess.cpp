@@ -1,10 +1,13 @@
 #include "product/tools/WineProcess.hpp"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <iterator>
 #include <string_view>
 
 #include <dirent.h>
@@ -104,11 +107,60 @@ namespace {
         }
     }
 
-    void reapEveryChild()
+    // Wine's own processes of the bottle: the first program started in a
+    // bottle starts them and they stay while any program of the bottle
+    // runs. They serve every program there, so a tool does not wait for
+    // them; they go on without it.
+    bool isBottleService(const std::string& name)
+    {
+        static constexpr std::string_view services[] = {
+            "wineserver",   "wineserver64", "services.exe", "winedevice.exe",
+            "plugplay.exe", "explorer.exe", "svchost.exe",  "rpcss.exe",
+        };
+        for (std::string_view service : services)
+            if (name == service)
+                return true;
+        return false;
+    }
+
+    // The names (as the kernel keeps them: Wine names a Windows process
+    // after its image) of this process's children, ended ones included.
+    std::vector<std::string> childNames()
+    {
+        std::vector<std::string> names;
+        pid_t self = ::getpid();
+        DIR* directory = ::opendir("/proc");
+        if (!directory)
+            return names;
+        while (dirent* entry = ::readdir(directory)) {
+            if (entry->d_name[0] < '0' || entry->d_name[0] > '9')
+                continue;
+            std::ifstream in(std::string("/proc/") + entry->d_name + "/stat");
+            std::string stat((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+            // "pid (name) state ppid ...": the name may hold anything, ')' too.
+            size_t open = stat.find('('), close = stat.rfind(')');
+            if (open == std::string::npos || close == std::string::npos || close < open)
+                continue;
+            int parent = 0;
+            char state = 0;
+            if (std::sscanf(stat.c_str() + close + 1, " %c %d", &state, &parent) == 2 && parent == self)
+                names.push_back(stat.substr(open + 1, close - open - 1));
+        }
+        ::closedir(directory);
+        return names;
+    }
+
+    // Waits until none of this process's children is the program's: its
+    // processes and what they started, which come to this subreaper when
+    // their parents end. Each end is reaped on the way.
+    void waitForProgramProcesses()
     {
         for (;;) {
-            int status = 0;
-            if (::waitpid(-1, &status, 0) < 0 && errno != EINTR)
+            std::vector<std::string> children = childNames();
+            if (std::all_of(children.begin(), children.end(), isBottleService))
+                return;
+            siginfo_t info {};
+            if (::waitid(P_ALL, 0, &info, WEXITED) != 0 && errno != EINTR)
                 return; // ECHILD: nothing of ours is left
         }
     }
@@ -195,7 +247,7 @@ int runWine(const std::string& role, const std::filesystem::path& loader,
             result = status;
     }
     if (waitForChildren)
-        reapEveryChild();
+        waitForProgramProcesses();
     return result;
 }
 

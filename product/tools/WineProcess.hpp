@@ -36,8 +36,8 @@ int execWine(const std::string& role, const std::filesystem::path& loader, const
 // child. SIGTERM, SIGINT and SIGHUP reaching the tool meanwhile are passed on
 // to the Wine that runs and the tool goes on waiting: it ends nothing itself.
 // With `waitForChildren` the tool then waits until every process that these
-// runs started has ended too, the Wine server and Wine's services of the
-// bottle included when the runs started them. Answers the status to exit
+// runs started has ended too, but for the Wine server and Wine's services of
+// the bottle, which stay for the bottle's other programs. Answers the status to exit
 // with: the first non-zero one of the runs, else 0.
 int runWine(const std::string& role, const std::filesystem::path& loader,
             const std::vector<std::vector<std::string>>& runs, const std::vector<std::string>& environment,
