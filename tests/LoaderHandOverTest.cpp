@@ -145,6 +145,8 @@ TEST_F(LoaderHandOver, TheOtherArchitectureGoesBackToVtmenuAndTheRightLoaderIsSt
     w.startHelperServer();
     TestProcess& launcher = w.startLauncher();
     ASSERT_TRUE(w.records.waitForTools(2, "vtmenu")) << w.launcherLog();
+    // The refused loader writes its record after the launcher has acted on the refusal.
+    ASSERT_TRUE(w.records.waitFor("loader", 1)) << w.launcherLog();
     EXPECT_EQ(w.records.all("loader").at(0).value("outcome"), "refused");
     ToolRecord repair = w.records.tools("vtmenu").at(1);
     EXPECT_EQ(repair.arguments(),
