@@ -6,6 +6,7 @@
 #pragma once
 
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <type_traits>
 #include <utility>
@@ -137,6 +138,20 @@ public:
 private:
     GError* m_error = nullptr;
 };
+
+// The one interface of introspection data that the program itself holds;
+// data that does not parse is a mistake in the program. The caller owns a
+// reference (kept for the process's life where objects are exported with it).
+inline GDBusInterfaceInfo* interfaceOfIntrospection(const char* xml)
+{
+    GErrorHolder error;
+    GDBusNodeInfo* node = g_dbus_node_info_new_for_xml(xml, error);
+    if (!node)
+        throw std::logic_error(std::string("bad introspection data: ") + error.message());
+    GDBusInterfaceInfo* interface = g_dbus_interface_info_ref(node->interfaces[0]);
+    g_dbus_node_info_unref(node);
+    return interface;
+}
 
 // A list of objects as GIO hands it over (g_app_info_get_all_for_type): the
 // list and one reference per element.

@@ -1,7 +1,6 @@
 #include "shell/HelperServerClient.hpp"
 
 #include <optional>
-#include <stdexcept>
 
 #include "base/VTLog.hpp"
 #include "base/posix_glue.hpp"
@@ -46,14 +45,8 @@ namespace {
 
 GDBusInterfaceInfo* helperServerInterfaceInfo()
 {
-    static GDBusNodeInfo* node = [] {
-        GErrorHolder error;
-        GDBusNodeInfo* info = g_dbus_node_info_new_for_xml(introspectionXml, error);
-        if (!info)
-            throw std::logic_error(std::string("bad introspection data: ") + error.message());
-        return info;
-    }();
-    return node->interfaces[0];
+    static GDBusInterfaceInfo* info = interfaceOfIntrospection(introspectionXml);
+    return info;
 }
 
 std::unique_ptr<HelperServerClient> HelperServerClient::lookUp()

@@ -77,14 +77,8 @@ namespace {
 
     GDBusInterfaceInfo* itemInterfaceInfo()
     {
-        static GDBusNodeInfo* node = [] {
-            GErrorHolder error;
-            GDBusNodeInfo* info = g_dbus_node_info_new_for_xml(introspectionXml, error);
-            if (!info)
-                throw std::logic_error(std::string("bad introspection data: ") + error.message());
-            return info;
-        }();
-        return node->interfaces[0];
+        static GDBusInterfaceInfo* info = interfaceOfIntrospection(introspectionXml);
+        return info;
     }
 
     // D-Bus strings are UTF-8; a bundle name or menu title that is not would

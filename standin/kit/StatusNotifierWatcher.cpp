@@ -34,8 +34,8 @@ namespace {
 
     GDBusInterfaceInfo* watcherInterfaceInfo()
     {
-        static GDBusNodeInfo* node = g_dbus_node_info_new_for_xml(introspectionXml, nullptr);
-        return node->interfaces[0];
+        static GDBusInterfaceInfo* info = interfaceOfIntrospection(introspectionXml);
+        return info;
     }
 
     StatusMenuEntry entryFrom(GVariant* layout)
