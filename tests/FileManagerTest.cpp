@@ -51,19 +51,6 @@ bool hasXattr(const fs::path& path, const char* name) { return lgetxattr(path.c_
 
 } // namespace
 
-TEST(FileManager, EachCallGivesANewManagerWithItsOwnDelegate)
-{
-    FileManagerDelegate delegate;
-    auto first = FileManager::vt_fileManagerWithDelegate(&delegate);
-    auto second = FileManager::vt_fileManager();
-    EXPECT_NE(first.get(), second.get());
-    EXPECT_EQ(first->delegate(), &delegate);
-    EXPECT_EQ(second->delegate(), nullptr);
-    EXPECT_EQ(&FileManager::systemPaths(), &FileManager::systemPaths());
-    EXPECT_TRUE(FileManager::systemPaths().contains("/usr/share/applications"));
-    EXPECT_FALSE(FileManager::systemPaths().contains(g_get_home_dir()));
-}
-
 TEST(FileManager, CreateDirectoryRecursivelyLeavesWhatExists)
 {
     TempDir tmp;

@@ -27,7 +27,6 @@
 #include "shell/Menu.hpp"
 #include "source/PropertyList.hpp"
 #include "standin/kit/StandinWorld.hpp"
-#include "standin/kit/StatusNotifierWatcher.hpp"
 #include "standin/tray/TrayRecord.hpp"
 
 using namespace std::chrono_literals;
@@ -448,24 +447,6 @@ TEST_F(HostileMenu, DeepListsAreRefusedWithoutRecursionEvenOnASmallStack)
     EXPECT_EQ(jobs[0].problem, "it is nested deeper than 128 levels");
     EXPECT_EQ(jobs[1].problem, "it is nested deeper than 128 levels");
     EXPECT_EQ(jobs[2].problem, "it holds more than " + std::to_string(vt::kMaximumPropertyListValues) + " values");
-}
-
-TEST_F(Hostile, ALauncherWithAMenuTenThousandLevelsDeepShowsItsDefaultMenu)
-{
-    StatusNotifierWatcher watcher { w.bus.address() };
-    std::filesystem::create_directories(w.dir / "Notepad.app/Contents/Resources");
-    writeFile(w.dir / "Notepad.app/Contents/Resources/MainMenu.plist", nestedBinary(10000));
-    w.startHelperServer();
-    auto& launcher = launch();
-    ASSERT_TRUE(watcher.waitForRegistration()) << w.launcherLog();
-    auto menu = watcher.menuLayout();
-    ASSERT_EQ(menu.children.size(), 1u);
-    EXPECT_EQ(menu.children[0].label, "Quit Notepad");
-    EXPECT_EQ(occurrences(w.launcherLog(), "MainMenu.plist is not used: it is nested deeper than 128 levels; the "
-                                           "launcher shows its default menu."),
-              1u)
-        << w.launcherLog();
-    EXPECT_TRUE(launcher.running());
 }
 
 // ---------------------------------------------------------------------------

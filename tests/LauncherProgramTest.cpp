@@ -226,19 +226,6 @@ TEST_F(LauncherProgram, QuitRefusedByTheProgramKeepsEverythingRunning)
     EXPECT_TRUE(launcher.running());
 }
 
-TEST_F(LauncherProgram, WithTheWindowCommandToolGoneTheQuitIsRefused)
-{
-    w.setAnswer("haswindows", "exit"); // the tool goes away instead of answering
-    auto& launcher = launch();
-    ASSERT_TRUE(w.waitForLog("Message mismatch.  Expected helperDelegateCommand0 and got .\n"));
-    ASSERT_TRUE(w.waitForLog("a process of the Windows program ended"));
-
-    launcher.signal(SIGTERM);
-    ASSERT_TRUE(w.waitForLog("quit cancelled"));
-    EXPECT_EQ(w.records.commandTexts(), (Strings { "haswindows" })) << "nothing is written to a tool that has gone";
-    EXPECT_TRUE(launcher.running());
-}
-
 TEST_F(LauncherProgram, WhenTheLastProcessEndsTheLauncherQuits)
 {
     w.desktop.writeVantorDefaults({ { "DisableWineIntegration", true } });

@@ -102,16 +102,6 @@ TEST(LauncherStartup, WaitsForTheBottleThenGoesOn)
     EXPECT_EQ(launcher.waitForExit(), 0);
 }
 
-TEST(LauncherStartup, EndsWhenTheServerGoesAwayWhileWaiting)
-{
-    StandinWorld w;
-    w.startHelperServer({ { "VT_STANDIN_NOT_READY", "100" }, { "VT_STANDIN_GONE_AFTER", "2" } });
-    ASSERT_EQ(w.startLauncher().waitForExit(), 0);
-    std::string log = w.launcherLog();
-    EXPECT_NE(log.find("] The Vantor helper server was there, but now it's gone.\n"), std::string::npos) << log;
-    EXPECT_EQ(log.find(kStartupDone), std::string::npos);
-}
-
 TEST(LauncherStartup, QuitSignalEndsItEvenWhileWaitingForTheBottle)
 {
     StandinWorld w;

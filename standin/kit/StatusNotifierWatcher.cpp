@@ -14,21 +14,14 @@ namespace {
     const char* const kItemInterface = "org.kde.StatusNotifierItem";
     const char* const kMenuInterface = "com.canonical.dbusmenu";
 
+    // Only what an item calls: nothing in the launcher reads the watcher's
+    // properties or listens for its signals.
     const char* const introspectionXml = R"xml(
 <node>
   <interface name="org.kde.StatusNotifierWatcher">
     <method name="RegisterStatusNotifierItem">
       <arg name="service" type="s" direction="in"/>
     </method>
-    <method name="RegisterStatusNotifierHost">
-      <arg name="service" type="s" direction="in"/>
-    </method>
-    <property name="RegisteredStatusNotifierItems" type="as" access="read"/>
-    <property name="IsStatusNotifierHostRegistered" type="b" access="read"/>
-    <property name="ProtocolVersion" type="i" access="read"/>
-    <signal name="StatusNotifierItemRegistered">
-      <arg name="service" type="s"/>
-    </signal>
   </interface>
 </node>)xml";
 
@@ -129,7 +122,7 @@ private:
     void serve() noexcept
     {
         g_main_context_push_thread_default(m_context.get());
-        static const GDBusInterfaceVTable vtable = { onMethodCall, onGetProperty, nullptr, { nullptr } };
+        static const GDBusInterfaceVTable vtable = { onMethodCall, nullptr, nullptr, { nullptr } };
         GErrorHolder error;
         m_object = DBusObjectRegistration(addRef(m_connection.get()),
                                           g_dbus_connection_register_object(m_connection.get(), "/StatusNotifierWatcher",
@@ -182,47 +175,19 @@ private:
             std::make_exception_ptr(std::runtime_error("stand-in watcher: the watcher's name is taken")));
     }
 
-    static void onMethodCall(GDBusConnection* connection, const char*, const char*, const char*,
-                             const char* methodName, GVariant* parameters, GDBusMethodInvocation* invocation,
-                             gpointer data) noexcept
+    static void onMethodCall(GDBusConnection*, const char*, const char*, const char*, const char*,
+                             GVariant* parameters, GDBusMethodInvocation* invocation, gpointer data) noexcept
     {
-        auto* self = static_cast<Run*>(data);
         const char* service = nullptr;
         g_variant_get(parameters, "(&s)", &service);
-        if (g_str_equal(methodName, "RegisterStatusNotifierItem")) {
-            try {
-                self->m_owner.registered(service);
-            } catch (...) {
-                g_dbus_method_invocation_return_error_literal(invocation, G_DBUS_ERROR, G_DBUS_ERROR_NO_MEMORY,
-                                                              "cannot record the item");
-                return;
-            }
-            g_dbus_connection_emit_signal(connection, nullptr, "/StatusNotifierWatcher",
-                                          "org.kde.StatusNotifierWatcher", "StatusNotifierItemRegistered",
-                                          g_variant_new("(s)", service), nullptr);
+        try {
+            static_cast<Run*>(data)->m_owner.registered(service);
+        } catch (...) {
+            g_dbus_method_invocation_return_error_literal(invocation, G_DBUS_ERROR, G_DBUS_ERROR_NO_MEMORY,
+                                                          "cannot record the item");
+            return;
         }
         g_dbus_method_invocation_return_value(invocation, nullptr);
-    }
-
-    static GVariant* onGetProperty(GDBusConnection*, const char*, const char*, const char*, const char* name,
-                                   GError** error, gpointer data) noexcept
-    {
-        auto* self = static_cast<Run*>(data);
-        if (g_str_equal(name, "RegisteredStatusNotifierItems")) {
-            try {
-                std::vector<std::string> items = self->m_owner.registeredItems();
-                std::vector<const char*> texts;
-                for (const auto& item : items)
-                    texts.push_back(item.c_str());
-                return g_variant_new_strv(texts.data(), static_cast<gssize>(texts.size()));
-            } catch (...) {
-                g_set_error_literal(error, G_DBUS_ERROR, G_DBUS_ERROR_NO_MEMORY, "cannot list the items");
-                return nullptr;
-            }
-        }
-        if (g_str_equal(name, "IsStatusNotifierHostRegistered"))
-            return g_variant_new_boolean(TRUE);
-        return g_variant_new_int32(0); // ProtocolVersion
     }
 
     static void onItemSignal(GDBusConnection*, const char*, const char*, const char*, const char* signalName,

@@ -63,11 +63,11 @@ public:
     void start();
     // Releases the name and leaves the bus, as a desktop that goes does.
     void stop();
-    bool running() const { return m_run != nullptr; }
 
     // The first item registered since the last start, once there is one;
     // nothing after `timeout`.
     std::optional<std::string> waitForRegistration(std::chrono::milliseconds timeout = std::chrono::seconds(10));
+    // Every item registered since the last start.
     std::vector<std::string> registeredItems() const;
 
     // The host's side, with the item registered last.
