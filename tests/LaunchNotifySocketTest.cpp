@@ -250,6 +250,40 @@ TEST_F(LaunchNotifySocketTest, AWatcherStartedBeforeTheSocketTakesItUpWhenItIsMa
     EXPECT_EQ(receiver.whats(), (std::vector<std::string> { "add", "badges" }));
 }
 
+TEST_F(LaunchNotifySocketTest, SilentSendersHoldNobodyAndAreDroppedAtTheirDeadline)
+{
+    socket.monitorFeedbackSocket();
+    const sockaddr_un address = addressOf(socket.launchNotifySocketName());
+    std::vector<Fd> silent;
+    for (int i = 0; i < 3; ++i) {
+        silent.emplace_back(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        ASSERT_EQ(::connect(silent.back().get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    }
+    const auto connected = std::chrono::steady_clock::now();
+
+    // Served at once, while the silent ones wait for their deadline.
+    ASSERT_TRUE(standin::sendTrayBytes(socket.launchNotifySocketName(), message(kTrayOperationAdd, record(1, 1))));
+    ASSERT_TRUE(callsReach(2));
+    EXPECT_LT(std::chrono::steady_clock::now() - connected, LaunchNotifySocket::kReceiveTimeout);
+    EXPECT_FALSE(logged(kUnexpected + "Read message 0.\n"));
+
+    auto count = [&](const std::string& line) {
+        size_t n = 0;
+        for (size_t at = log.text().find(line); at != std::string::npos; at = log.text().find(line, at + 1))
+            ++n;
+        return n;
+    };
+    ASSERT_TRUE(waitUntil([&] { return count(kUnexpected + "Read message 0.\n") == 3; }));
+    EXPECT_GE(std::chrono::steady_clock::now() - connected, LaunchNotifySocket::kReceiveTimeout);
+    EXPECT_EQ(count(kUnexpected + "Not enough data.\n"), 3u);
+    EXPECT_EQ(receiver.whats(), (std::vector<std::string> { "add", "badges" }));
+    // The launcher has closed its ends.
+    for (const Fd& fd : silent) {
+        char byte;
+        EXPECT_EQ(::recv(fd.get(), &byte, 1, MSG_DONTWAIT), 0);
+    }
+}
+
 TEST_F(LaunchNotifySocketTest, AFloodWaitsForTheMainThreadWithinItsBoundsAndLosesNothing)
 {
     // The main loop does not run at first: the watcher may read only so
@@ -336,4 +370,27 @@ TEST_F(LaunchNotifySocketTest, RunningOutOfDescriptorsOnAcceptIsSaidOnceAndServi
     EXPECT_EQ(refusals(), 1u) << log.text();
     for (int i = 0; i < 3; ++i)
         EXPECT_EQ(field(receiver.calls[2 + 2 * i].record, kNativeTrayLayout.idOffset), 10 + i);
+}
+
+TEST_F(LaunchNotifySocketTest, TheStandInTraySenderWritesWhatTheWindowsSideWould)
+{
+    socket.monitorFeedbackSocket();
+    const std::string sender = VT_STANDIN_DIR "/vt-standin-traysender";
+    TestProcess run({ sender, "modify", "--hwnd", "5", "--id", "9", "--size", "8", "--colour", "00ff00", "--mask",
+                      "checker", "--count", "2" },
+                    environmentWith({ { "VT_SYSTRAY_SOCKET", socket.launchNotifySocketName() } }));
+    EXPECT_EQ(run.waitForExit(), 0);
+    ASSERT_TRUE(callsReach(4));
+    standin::TrayPicture picture = standin::solidPicture(8, 0x00ff00);
+    standin::setTrayMask(picture, standin::TrayMask::Checker);
+    const Bytes expected = standin::trayRecord(kNativeTrayLayout, 5, 9, 0x400, picture);
+    EXPECT_EQ(receiver.whats(), (std::vector<std::string> { "modify", "badges", "modify", "badges" }));
+    EXPECT_EQ(receiver.calls[0].record, expected);
+    EXPECT_EQ(receiver.calls[2].record, expected);
+
+    TestProcess lost({ sender, "add", "--socket", (dir / "nobody").string() }, environmentWith({}),
+                     ProcessSetup { {}, true });
+    EXPECT_EQ(lost.waitForExit(), 1);
+    EXPECT_NE(lost.standardError().find("vt-standin-traysender: cannot send message 1 to"), std::string::npos)
+        << lost.standardError();
 }
