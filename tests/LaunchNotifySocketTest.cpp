@@ -371,26 +371,3 @@ TEST_F(LaunchNotifySocketTest, RunningOutOfDescriptorsOnAcceptIsSaidOnceAndServi
     for (int i = 0; i < 3; ++i)
         EXPECT_EQ(field(receiver.calls[2 + 2 * i].record, kNativeTrayLayout.idOffset), 10 + i);
 }
-
-TEST_F(LaunchNotifySocketTest, TheStandInTraySenderWritesWhatTheWindowsSideWould)
-{
-    socket.monitorFeedbackSocket();
-    const std::string sender = VT_STANDIN_DIR "/vt-standin-traysender";
-    TestProcess run({ sender, "modify", "--hwnd", "5", "--id", "9", "--size", "8", "--colour", "00ff00", "--mask",
-                      "checker", "--count", "2" },
-                    environmentWith({ { "VT_SYSTRAY_SOCKET", socket.launchNotifySocketName() } }));
-    EXPECT_EQ(run.waitForExit(), 0);
-    ASSERT_TRUE(callsReach(4));
-    standin::TrayPicture picture = standin::solidPicture(8, 0x00ff00);
-    standin::setTrayMask(picture, standin::TrayMask::Checker);
-    const Bytes expected = standin::trayRecord(kNativeTrayLayout, 5, 9, 0x400, picture);
-    EXPECT_EQ(receiver.whats(), (std::vector<std::string> { "modify", "badges", "modify", "badges" }));
-    EXPECT_EQ(receiver.calls[0].record, expected);
-    EXPECT_EQ(receiver.calls[2].record, expected);
-
-    TestProcess lost({ sender, "add", "--socket", (dir / "nobody").string() }, environmentWith({}),
-                     ProcessSetup { {}, true });
-    EXPECT_EQ(lost.waitForExit(), 1);
-    EXPECT_NE(lost.standardError().find("vt-standin-traysender: cannot send message 1 to"), std::string::npos)
-        << lost.standardError();
-}
