@@ -111,7 +111,10 @@ int main(int argc, char** argv)
     // lingering as a local instance.
     vt::GErrorHolder error;
     if (!g_application_register(app.get(), nullptr, error) || !g_application_get_dbus_connection(app.get())) {
-        g_printerr("vt-standin-main-app: cannot register on the session bus: %s\n", error.message());
+        // Without any bus GApplication registers as a local instance and
+        // reports nothing.
+        g_printerr("vt-standin-main-app: cannot register on the session bus: %s\n",
+                   *error.message() ? error.message() : "there is no session bus");
         return 1;
     }
     if (const char* hung = std::getenv("VT_STANDIN_MAIN_APP_HUNG"); hung && *hung) {
