@@ -38,6 +38,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <string>
 
 #include <sys/socket.h>
 
@@ -76,7 +77,7 @@ public:
         // From now on `readable` runs on the main loop whenever the socket
         // has something for a read (data, end of stream or an error), and
         // `deadlinePassed` once when the listener's deadline for this
-        // connection passes, readable or not. Without a deadline callback a
+        // connection passes (counted from its accept), readable or not. Without a deadline callback a
         // connection whose deadline passes is closed. A later call replaces
         // both. Either may destroy this Connection.
         void watch(std::function<void()> readable, std::function<void()> deadlinePassed = {});
@@ -92,16 +93,18 @@ public:
 
     private:
         friend class UnixSocketListener;
-        Connection(std::weak_ptr<Shared> listener, Fd fd, const ucred& peer,
+        Connection(std::weak_ptr<Shared> listener, Fd fd, const ucred& peer, const std::string& name,
                    std::optional<std::chrono::steady_clock::time_point> deadline);
         void releasePlace() noexcept;
 
         std::weak_ptr<Shared> m_listener;
         Fd m_fd;
         ucred m_peer;
+        std::string m_name;
         std::optional<std::chrono::steady_clock::time_point> m_deadline;
         OwnedSource m_readable;
         TimeoutSource m_deadlineSource;
+        bool m_counted = true;
     };
 
     // What the owner hears. Only `accepted` is required.
@@ -119,9 +122,8 @@ public:
         // The backlog has been emptied again after `failedAttempts` failed
         // accepts.
         std::function<void(unsigned failedAttempts)> acceptRecovered;
-        // The listening socket is gone (`error` the accept's errno, or 0 when
-        // the wait reported an error on it); the listener has closed it and
-        // accepts no more.
+        // The listening socket is gone (`error` the accept's errno); the
+        // listener has closed it and accepts no more.
         std::function<void(int error)> ended;
     };
 
