@@ -72,6 +72,8 @@ VTFBHelperApp::~VTFBHelperApp()
     setDelegate(nullptr);
 }
 
+bool VTFBHelperApp::threadsOutliveTheLoop() const { return m_helperDelegate->wineRunsInside(); }
+
 VTFBHelperApp* VTFBHelperApp::shared() { return dynamic_cast<VTFBHelperApp*>(Application::shared()); }
 
 void VTFBHelperApp::setWineController(const vt_wine_controller* controller)

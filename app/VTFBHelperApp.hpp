@@ -39,6 +39,10 @@ public:
 
     void sendEvent(const Event& event) override;
 
+protected:
+    // Wine's thread, once it runs inside the launcher, is never joined.
+    bool threadsOutliveTheLoop() const override;
+
 private:
     std::unique_ptr<VTFBHelperDelegate> m_helperDelegate;
     std::optional<vt_wine_controller> m_wineController;

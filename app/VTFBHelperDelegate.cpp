@@ -14,7 +14,6 @@ namespace vt {
 using namespace std::chrono_literals;
 
 namespace {
-    constexpr int kHelperServerAttempts = 10;
     // The main application comes up behind the user's windows and stays out
     // of the recent items.
     constexpr uint32_t kLaunchInBackground = kLaunchDontSwitch | kLaunchDontAddToRecents;
@@ -30,7 +29,11 @@ VTFBHelperDelegate::VTFBHelperDelegate(VTFBHelperApp& application)
 {
 }
 
-VTFBHelperDelegate::~VTFBHelperDelegate() = default;
+VTFBHelperDelegate::~VTFBHelperDelegate()
+{
+    // Answers still on their way must not reach a delegate that has gone.
+    g_cancellable_cancel(m_startUpCancellable.get());
+}
 
 std::optional<std::string> VTFBHelperDelegate::infoString(const char* key) const
 {
@@ -52,20 +55,72 @@ void VTFBHelperDelegate::applicationWillFinishLaunching()
                         kLaunchInBackground);
     }
 
-    if (!connectToHelperServer()) {
-        platformLog("Unable to locate a Vantor helper server.  We should really tell someone about this.\n");
-        m_application.terminate();
-        return;
-    }
-    m_program.setHelperServer(m_helperServerProxy.get());
+    // The helper server and the bottle may keep the launcher waiting; the
+    // opening events wait with it, and the main loop goes on meanwhile.
+    m_application.holdLaunching();
+    m_startUpCancellable = adopt(g_cancellable_new());
+    perform(m_startUp.start());
+}
 
-    readBundleSettings();
-    if (!waitForBottle()) {
-        platformLog("The Vantor helper server was there, but now it's gone.\n");
-        m_application.terminate();
-        return;
+void VTFBHelperDelegate::perform(const std::vector<StartUpSequence::Action>& actions)
+{
+    using Action = StartUpSequence::Action;
+    for (Action action : actions) {
+        switch (action) {
+        case Action::LookUpHelperServer:
+            HelperServerClient::lookUpAsync(m_startUpCancellable.get(),
+                                            [this](std::unique_ptr<HelperServerClient> server) {
+                VTLog("looking for the helper server, attempt %d: %s", m_startUp.attempts(),
+                      server ? "found" : "not found");
+                bool found = server != nullptr;
+                if (found) {
+                    m_helperServerProxy = std::move(server);
+                    m_program.setHelperServer(m_helperServerProxy.get());
+                    readBundleSettings();
+                }
+                perform(m_startUp.helperServerLookedUp(found));
+            });
+            break;
+        case Action::AskWhetherBottleIsReady:
+            m_helperServerProxy->isServerReadyForBottleAsync(
+                m_settings.bottleName.value_or(""), m_startUpCancellable.get(),
+                [this](std::optional<bool> ready, const std::string& error) {
+                    if (!ready)
+                        VTLog("asking whether the bottle is ready failed: %@", error);
+                    else if (!*ready)
+                        VTLog("bottle %@ is not ready yet", m_settings.bottleName.value_or("(none)"));
+                    perform(m_startUp.bottleAnswered(ready));
+                });
+            break;
+        case Action::ShowThatItWaits:
+            showStatusItem(StatusItemMoment::BeforeWaiting);
+            break;
+        case Action::StartTimer:
+            m_startUpTimer = TimeoutSource("vt start-up wait", StartUpSequence::kRetryInterval, [this] {
+                perform(m_startUp.timerFired());
+                return false;
+            });
+            break;
+        case Action::FinishStartUp:
+            finishStartUp();
+            m_application.continueLaunching();
+            break;
+        case Action::GiveUpNoHelperServer:
+            platformLog("Unable to locate a Vantor helper server.  We should really tell someone about this.\n");
+            m_application.terminate();
+            m_application.continueLaunching();
+            break;
+        case Action::GiveUpHelperServerGone:
+            platformLog("The Vantor helper server was there, but now it's gone.\n");
+            m_application.terminate();
+            m_application.continueLaunching();
+            break;
+        }
     }
+}
 
+void VTFBHelperDelegate::finishStartUp()
+{
     findProductTools();
     startSendWndCmd();
     // The item has shown the same rewritten menu since start-up began.
@@ -158,37 +213,6 @@ void VTFBHelperDelegate::readBundleSettings()
     }
 }
 
-bool VTFBHelperDelegate::connectToHelperServer()
-{
-    for (int attempt = 1; attempt <= kHelperServerAttempts && !m_helperServerProxy; ++attempt) {
-        m_helperServerProxy = HelperServerClient::lookUp();
-        VTLog("looking for the helper server, attempt %d: %s", attempt, m_helperServerProxy ? "found" : "not found");
-        // The last failed attempt sleeps too, before the launcher gives up.
-        if (!m_helperServerProxy) {
-            showStatusItem(StatusItemMoment::BeforeWaiting);
-            m_application.sleepDuringLaunch(1s);
-        }
-    }
-    return m_helperServerProxy != nullptr;
-}
-
-bool VTFBHelperDelegate::waitForBottle()
-{
-    // No limit on purpose: a bottle may take long to get ready (an update,
-    // a first start), and the launcher waits as long as the server is there.
-    try {
-        while (!m_helperServerProxy->isServerReadyForBottle(m_settings.bottleName.value_or(""))) {
-            showStatusItem(StatusItemMoment::BeforeWaiting);
-            VTLog("bottle %@ is not ready yet", m_settings.bottleName.value_or("(none)"));
-            m_application.sleepDuringLaunch(1s);
-        }
-        return true;
-    } catch (const HelperServerError& error) {
-        VTLog("asking whether the bottle is ready failed: %s", error.what());
-        return false;
-    }
-}
-
 void VTFBHelperDelegate::findProductTools()
 {
     auto mainApplication = VT_absolutePathForAppBundleWithIdentifier(std::string(kVantorBundleIdentifier),
@@ -223,7 +247,6 @@ void VTFBHelperDelegate::formatMenuItemsWithBundleName(Menu& menu)
 
 void VTFBHelperDelegate::applicationDidFinishLaunching()
 {
-    m_program.startUpFinished();
     // The program has been started: the item stands for it (again).
     if (m_statusItemShown) {
         if (m_statusItem)
@@ -317,7 +340,7 @@ void VTFBHelperDelegate::programEnded()
 {
     // A loader without a socket path has taken the program into this very
     // process: the launcher is the program now and must stay.
-    if (!m_wineLoader || !m_wineLoader->socketPath().empty())
+    if (!wineRunsInside())
         m_application.terminate();
     else
         VTLog("the program's tools have ended; Wine runs inside the launcher, which stays");
@@ -330,12 +353,23 @@ void VTFBHelperDelegate::activateMainApplication()
         m_application.resignActive();
 }
 
+bool VTFBHelperDelegate::programIsRunning() const
+{
+    // Wine inside the launcher is the program itself, whatever the tools do.
+    return m_program.isRunning() || wineRunsInside();
+}
+
+bool VTFBHelperDelegate::wineRunsInside() const { return m_wineLoader && m_wineLoader->socketPath().empty(); }
+
 void VTFBHelperDelegate::applicationDidBecomeActive()
 {
     // With Wine inside the launcher, its driver handles activation itself.
-    if (m_application.hasWineController() || !m_program.isRunning())
+    if (m_application.hasWineController() || !programIsRunning())
         return;
 
+    // At once, even while a quit waits for the program's "Save changes?":
+    // the user finds the question in front. The window commands below wait
+    // for their turn on the channel.
     if (m_helperServerProxy) {
         try {
             m_helperServerProxy->raiseWindowsWithTag(windowTag());
@@ -344,15 +378,17 @@ void VTFBHelperDelegate::applicationDidBecomeActive()
             platformLog("Cannot ask the Vantor helper server to raise the program's windows: %s.", error.what());
         }
     }
-    if (m_windowCommands.sendMessageToTaggedWindows("haswindows")) {
-        activateMainApplication();
-        m_application.hide();
-        m_application.delayedCalls().schedule(50ms, [this] { m_application.unhideWithoutActivation(); });
-        return;
-    }
-    // No window to raise: a click on the oldest tray icon is the next best thing.
-    if (!iconList().empty())
-        m_windowCommands.sendMessageToTaggedWindows(activateSystrayCommand(iconList().front()));
+    m_windowCommands.sendMessageToTaggedWindows("haswindows", [this](bool hasWindows) {
+        if (hasWindows) {
+            activateMainApplication();
+            m_application.hide();
+            m_application.delayedCalls().schedule(50ms, [this] { m_application.unhideWithoutActivation(); });
+            return;
+        }
+        // No window to raise: a click on the oldest tray icon is the next best thing.
+        if (!iconList().empty())
+            m_windowCommands.sendMessageToTaggedWindows(activateSystrayCommand(iconList().front()));
+    });
 }
 
 TerminateReply VTFBHelperDelegate::applicationShouldTerminate(Application&)
@@ -360,28 +396,41 @@ TerminateReply VTFBHelperDelegate::applicationShouldTerminate(Application&)
     // Once Wine runs inside the launcher, its own controller decides.
     if (auto reply = m_application.wineControllerShouldTerminate())
         return *reply;
-    if (!m_program.isRunning())
+    if (!programIsRunning())
         return TerminateReply::Now;
 
     activateMainApplication();
     // A Windows-style end of session: the program may refuse, and nothing is
-    // ever killed, so the user's unsaved work survives a refused quit.
-    TerminateReply reply = TerminateReply::Cancel;
-    if (m_windowCommands.sendMessageToTaggedWindows("close")) {
-        if (m_windowCommands.sendMessageToTaggedWindows("queryendsession")) {
-            m_windowCommands.sendMessageToTaggedWindows("endsession");
-            m_windowCommands.sendMessageToTaggedWindows("shutdown");
-            reply = TerminateReply::Now;
-        } else {
-            m_windowCommands.sendMessageToTaggedWindows("endsessioncancel");
+    // ever killed, so the user's unsaved work survives a refused quit. The
+    // program may ask its user first; the answer comes when it comes.
+    m_windowCommands.sendMessageToTaggedWindows("close", [this](bool closed) {
+        if (!closed) {
+            endOfSessionEnded(false);
+            return;
         }
-    }
+        m_windowCommands.sendMessageToTaggedWindows("queryendsession", [this](bool agreed) {
+            if (agreed) {
+                m_windowCommands.sendMessageToTaggedWindows("endsession");
+                m_windowCommands.sendMessageToTaggedWindows("shutdown", [this](bool) { endOfSessionEnded(true); });
+            } else {
+                m_windowCommands.sendMessageToTaggedWindows("endsessioncancel",
+                                                            [this](bool) { endOfSessionEnded(false); });
+            }
+        });
+    });
+    return TerminateReply::Later;
+}
+
+void VTFBHelperDelegate::endOfSessionEnded(bool agreed)
+{
     m_application.hide();
-    return reply;
+    m_application.replyToApplicationShouldTerminate(agreed);
 }
 
 void VTFBHelperDelegate::applicationWillTerminate()
 {
+    g_cancellable_cancel(m_startUpCancellable.get());
+    m_startUpTimer.stop();
     m_program.stopObservingEnds();
     m_windowCommands.stopObservingEnd();
     m_application.delayedCalls().cancelAll();

@@ -12,7 +12,9 @@
 #include <vector>
 
 #include "app/LauncherSettings.hpp"
+#include "app/StartUpSequence.hpp"
 #include "app/WindowsProgram.hpp"
+#include "base/MainLoop.hpp"
 #include "base/NotificationCenter.hpp"
 #include "integration/LaunchNotifySocket.hpp"
 #include "integration/TrayIconList.hpp"
@@ -32,7 +34,8 @@ public:
     explicit VTFBHelperDelegate(VTFBHelperApp& application);
     ~VTFBHelperDelegate() override;
 
-    // Start-up: runs before the first opening event, blocking the main loop.
+    // Start-up: holds the opening events back until the helper server has
+    // been found and the bottle is ready, waiting on the main loop.
     void applicationWillFinishLaunching() override;
     void applicationDidFinishLaunching() override;
 
@@ -42,7 +45,6 @@ public:
     void openFiles(Application& application, const std::vector<std::string>& paths) override;
     void handleGetURLEvent(const std::string& url);
     bool applicationShouldHandleReopen(Application& application, bool hasVisibleWindows) override;
-    // Runs on the loader's connection thread.
     void wineLoaderRejectedRequestForWrongArchitecture(const Notification& notification);
 
     // Activation raises the program's windows, or clicks its oldest tray icon.
@@ -62,13 +64,20 @@ public:
     void formatMenuItemsWithBundleName(Menu& menu);
 
     const LauncherSettings& settings() const { return m_settings; }
+    // A loader has handed its program over: Wine runs inside the launcher.
+    bool wineRunsInside() const;
     WindowsProgram& program() { return m_program; }
 
 private:
     std::optional<std::string> infoString(const char* key) const;
     void readBundleSettings();
-    bool connectToHelperServer();
-    bool waitForBottle();
+    // Carries out what the start-up sequence decided.
+    void perform(const std::vector<StartUpSequence::Action>& actions);
+    void finishStartUp();
+    // The program runs: a tracked process, or Wine inside the launcher.
+    bool programIsRunning() const;
+    // The end-of-session commands are done: the quit question's answer.
+    void endOfSessionEnded(bool agreed);
     void findProductTools();
     void startSendWndCmd();
     // The variables other parts of the launcher give each new process.
@@ -93,6 +102,9 @@ private:
     VTFBHelperApp& m_application;
 
     // Written once during start-up.
+    StartUpSequence m_startUp;
+    TimeoutSource m_startUpTimer;
+    GPtr<GCancellable> m_startUpCancellable;
     std::unique_ptr<HelperServerClient> m_helperServerProxy;
     LauncherSettings m_settings;
 

@@ -119,12 +119,7 @@ std::unique_ptr<VTTask> WindowsProgram::createWineTaskWithLaunchPath(
 
     Environment environment;
     try {
-        if (m_startUpEnvironment)
-            environment = *m_startUpEnvironment;
-        else
-            environment = m_helperServer->getEnvironmentForXConnection();
-        if (m_startingUp)
-            m_startUpEnvironment = environment;
+        environment = m_helperServer->getEnvironmentForXConnection();
     } catch (const HelperServerError& error) {
         // After start-up the server may have gone or hung; nothing else
         // says so, and the opening it was made for comes to nothing.
@@ -207,6 +202,11 @@ void WindowsProgram::handBackForArchitecture(const std::string& architecture)
         platformLog("Cannot hand the program back to vtmenu for another architecture: its settings are incomplete.");
         return;
     }
+    if (m_handBack && m_handBack->isRunning()) {
+        VTLog("vtmenu is already installing the program for another architecture; %@ is not asked again",
+              architecture);
+        return;
+    }
     if (!descriptorsAreFree(kDescriptorsForAProcess)) {
         platformLog("Cannot hand the program back to vtmenu for architecture %@: the launcher has no file descriptor "
                     "left (%s).",
@@ -214,14 +214,15 @@ void WindowsProgram::handBackForArchitecture(const std::string& architecture)
         return;
     }
     try {
-        VTTask task;
-        task.setLaunchPath(*m_settings.vtmenuPath);
-        task.setArguments(*arguments);
-        task.setStandardInput(VTTask::Stream::NullDevice);
-        task.setStandardOutput(VTTask::Stream::NullDevice);
-        task.setEnvironment(m_helperServer->getEnvironmentForXConnection());
-        // Nobody tracks it: it neither keeps the launcher alive nor ends it.
-        task.launch();
+        auto task = std::make_unique<VTTask>();
+        task->setLaunchPath(*m_settings.vtmenuPath);
+        task->setArguments(*arguments);
+        task->setStandardInput(VTTask::Stream::NullDevice);
+        task->setStandardOutput(VTTask::Stream::NullDevice);
+        task->setEnvironment(m_helperServer->getEnvironmentForXConnection());
+        // Nobody waits for it: it neither keeps the launcher alive nor ends it.
+        task->launch();
+        m_handBack = std::move(task);
     } catch (const std::exception& error) {
         platformLog("Cannot hand the program back to vtmenu for architecture %@: %s", architecture, error.what());
     }

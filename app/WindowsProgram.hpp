@@ -57,8 +57,8 @@ public:
     void setHelperServer(HelperServerClient* server) { m_helperServer = server; }
 
     // A new, not yet launched process for the bottle: the helper server's
-    // environment, fetched anew (but once for all the processes of
-    // start-up), with the launcher's variables laid over it;
+    // environment, fetched anew for each process, with the launcher's
+    // variables laid over it;
     // the home directory; standard input and output on the null device. Null,
     // logged, when there is no tool path or no environment.
     std::unique_ptr<VTTask> createWineTaskWithLaunchPath(const std::optional<std::string>& launchPath,
@@ -71,20 +71,9 @@ public:
     bool openFiles(const std::vector<std::string>& paths);
     void openURL(const std::string& url);
     // An untracked vtmenu that installs the entry for `architecture`, with the
-    // helper server's environment only. Safe on any thread: it reads only
-    // settings and the server.
+    // helper server's environment only. One at a time: a loader of the other
+    // architecture that asks again while one runs starts nothing more.
     void handBackForArchitecture(const std::string& architecture);
-
-    // Start-up is over: from now on every process asks the helper server
-    // for its environment. Until then the main loop has not run once, so
-    // the server's first answer is as fresh for the last process of
-    // start-up (the program after the window-command tool) as for the
-    // first, and asking again would only add a round trip to the launch.
-    void startUpFinished()
-    {
-        m_startingUp = false;
-        m_startUpEnvironment.reset();
-    }
 
     // Whether a tracked process still runs.
     bool isRunning() const { return !m_taskArray.empty(); }
@@ -109,8 +98,8 @@ private:
     std::vector<TrackedTask> m_taskArray;
     // Processes could not be made for want of descriptors, which has been said.
     bool m_outOfDescriptors = false;
-    bool m_startingUp = true;
-    std::optional<Environment> m_startUpEnvironment;
+    // The hand-back to vtmenu for another architecture, while it runs.
+    std::unique_ptr<VTTask> m_handBack;
 };
 
 } // namespace vt

@@ -95,8 +95,10 @@ namespace {
     public:
         static MainQueue& shared()
         {
-            static MainQueue queue;
-            return queue;
+            // Never destroyed: a thread that posts while the process ends
+            // (Wine's, which may call exit() itself) must find it whole.
+            static MainQueue* queue = new MainQueue;
+            return *queue;
         }
 
         void push(std::function<void()> work)

@@ -44,8 +44,11 @@ void Observation::reset() noexcept
 
 NotificationCenter& NotificationCenter::defaultCenter()
 {
-    static NotificationCenter center;
-    return center;
+    // Never destroyed: Wine, running inside the launcher on a thread of its
+    // own, may end the process with exit() while a notice is being posted,
+    // and static destructors run then.
+    static NotificationCenter* center = new NotificationCenter;
+    return *center;
 }
 
 Observation NotificationCenter::addObserver(std::string name, const void* object, Handler handler)

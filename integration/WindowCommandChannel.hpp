@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -13,6 +14,7 @@
 #include <string_view>
 #include <vector>
 
+#include "base/MainLoop.hpp"
 #include "base/NotificationCenter.hpp"
 #include "integration/TrayIconEntry.hpp"
 #include "source/VTTask.hpp"
@@ -39,8 +41,16 @@ std::optional<bool> parseWindowCommandAnswer(std::string_view answer, std::strin
 // "activatesystray -h <hwnd> -m <callbackmessage> -s <id>": a click on a tray icon.
 std::string activateSystrayCommand(const TrayIconEntry& icon);
 
+// The channel itself. Commands go strictly one at a time, in the order they
+// were sent: the next request is written only once the previous answer has
+// come. Waiting never blocks the main loop: while the program asks its user
+// "Save changes?" (the tool waits for the program's answer) the launcher
+// goes on serving the desktop.
 class WindowCommandChannel {
 public:
+    // Whether the tool confirmed the command.
+    using Answered = std::function<void(bool confirmed)>;
+
     // `toolEnded` runs on the main thread when the tool's process has ended,
     // after the channel has let go of it.
     explicit WindowCommandChannel(std::function<void()> toolEnded);
@@ -52,23 +62,48 @@ public:
     // cannot run: the launcher then runs without the channel.
     bool start(std::unique_ptr<VTTask> task);
 
-    // Sends one command and waits, without limit, for its answer; true when
-    // the tool confirms it. False without a tool or its pipes (nothing is
-    // written then), when the request cannot be written (the tool has gone
-    // or closed its input; nothing is read then), and on a mismatch (an
-    // answer cut short, or none because the tool ended); the last two are
-    // logged. Commands go strictly one at a time, so one read is the whole
-    // answer.
-    bool sendMessageToTaggedWindows(const std::string& text);
+    // Queues one command; `answered` (may be empty) runs from the main loop,
+    // never inside this call: true when the tool confirms it, without limit
+    // in time. False without a tool or its pipes (nothing is written then),
+    // when the request cannot be written (the tool has gone or closed its
+    // input; nothing is read then), and on a mismatch (an answer cut short,
+    // or none because the tool ended); the last two are logged. One read is
+    // the whole answer.
+    void sendMessageToTaggedWindows(const std::string& text, Answered answered = {});
+
+    // A command waits for its answer or for its turn.
+    bool isBusy() const { return m_inFlight.has_value() || !m_queue.empty(); }
 
     const VTTask* task() const { return m_task.get(); }
     // The tool's end is no longer reported (the launcher is ending).
     void stopObservingEnd() { m_taskEnded.reset(); }
 
 private:
+    struct Command {
+        std::string text;
+        Answered answered;
+    };
+    struct InFlight {
+        Command command;
+        std::string identifier;
+    };
+
+    // Writes the next queued command while none is in flight.
+    void sendNext();
+    // The answer to the command in flight, read once; `ended` when the tool
+    // has gone and no more will come.
+    void takeAnswer(bool ended);
+    // Hands `confirmed` to `command` from the main loop.
+    void answerLater(Command command, bool confirmed);
+    void toolHasEnded();
+
     std::function<void()> m_toolEnded;
     std::unique_ptr<VTTask> m_task;
     Observation m_taskEnded;
+    std::deque<Command> m_queue;
+    std::optional<InFlight> m_inFlight;
+    OwnedSource m_answerWatch;
+    DelayedCalls m_answers;
     // Identifies commands; only grows, over the whole process.
     int32_t m_commandID = 0;
 };

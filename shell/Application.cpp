@@ -1,13 +1,9 @@
 #include "shell/Application.hpp"
 
-#include <atomic>
 #include <cerrno>
-#include <condition_variable>
 #include <csignal>
+#include <cstdio>
 #include <ctime>
-#include <cstdlib>
-#include <mutex>
-#include <thread>
 
 #include <pthread.h>
 #include <unistd.h>
@@ -47,84 +43,6 @@ namespace {
         }
     }
 } // namespace
-
-// Quit signals are caught on a thread of their own, so that a quit request
-// reaches the launcher even while start-up blocks the main loop.
-class Application::QuitSignals {
-public:
-    explicit QuitSignals(Application& application)
-        : m_application(application)
-        , m_context(adopt(g_main_context_new()))
-        , m_loop(adopt(g_main_loop_new(m_context.get(), FALSE)))
-    {
-        for (int signalNumber : { SIGTERM, SIGINT, SIGHUP }) {
-            m_sources.emplace_back("vt quit signal", signalNumber, [this] {
-                requested();
-                return true;
-            }, m_context.get());
-        }
-        m_thread = std::thread([this] {
-            nameThisThread("vt-signals");
-            g_main_loop_run(m_loop.get());
-        });
-    }
-
-    ~QuitSignals()
-    {
-        // Through the thread's own context: a quit that came before the
-        // thread had entered its loop would be forgotten, and the join below
-        // would wait for ever.
-        g_main_context_invoke(
-            m_context.get(),
-            [](gpointer loop) noexcept -> gboolean {
-                g_main_loop_quit(static_cast<GMainLoop*>(loop));
-                return G_SOURCE_REMOVE;
-            },
-            m_loop.get());
-        m_thread.join();
-        m_sources.clear();
-    }
-
-    // Sleeps for `duration` unless a quit request comes first; answers
-    // whether one came (and takes it).
-    bool sleepUnlessQuit(std::chrono::milliseconds duration)
-    {
-        std::unique_lock lock(m_mutex);
-        m_cv.wait_for(lock, duration, [this] { return m_pending; });
-        return std::exchange(m_pending, false);
-    }
-
-    // A quit request, from a signal or from anywhere else.
-    void requested()
-    {
-        {
-            std::lock_guard lock(m_mutex);
-            m_pending = true;
-        }
-        m_cv.notify_all();
-        // The token keeps this from running once the signals are gone.
-        m_mainQueue.post([this] {
-            bool pending;
-            {
-                std::lock_guard lock(m_mutex);
-                pending = std::exchange(m_pending, false);
-            }
-            if (pending)
-                m_application.sendEventsFromMainLoop({ Event { Event::Type::QuitRequest, {}, {} } });
-        });
-    }
-
-private:
-    Application& m_application;
-    GPtr<GMainContext> m_context;
-    GPtr<GMainLoop> m_loop;
-    std::vector<UnixSignalSource> m_sources;
-    std::thread m_thread;
-    std::mutex m_mutex;
-    std::condition_variable m_cv;
-    bool m_pending = false;
-    MainQueueToken m_mainQueue;
-};
 
 Application::Application() { sharedApplication = this; }
 
@@ -169,6 +87,8 @@ void Application::sendEvent(const Event& event) { dispatch(event); }
 
 void Application::dispatch(const Event& event)
 {
+    if (m_ending)
+        return;
     VTLog("event: %@", event);
     switch (event.type) {
     case Event::Type::OpenUntitled:
@@ -250,6 +170,8 @@ void Application::update() noexcept
 
 void Application::terminate()
 {
+    if (m_ending)
+        return;
     if (m_awaitingTerminateReply)
         return; // the earlier question is still open
     TerminateReply reply = m_delegate ? m_delegate->applicationShouldTerminate(*this) : TerminateReply::Now;
@@ -310,47 +232,100 @@ void Application::activateIgnoringOtherApps()
 
 void Application::exitAfterTermination()
 {
-    m_quitSignals.reset();
-    // Without their sources the signals are at their default again; one
-    // more quit signal now would only cut the ending short.
+    m_ending = true;
+    m_quitSignals.clear();
+    // One more quit signal now would only cut the ending short.
     for (int signalNumber : { SIGTERM, SIGINT, SIGHUP })
         signal(signalNumber, SIG_IGN);
+    m_delayedCalls.cancelAll();
     if (m_gapplication) {
         if (GDBusConnection* bus = g_application_get_dbus_connection(m_gapplication.get()))
             g_dbus_connection_flush_sync(bus, nullptr, nullptr);
     }
     std::fflush(nullptr);
-    std::exit(0);
+    // A thread that cannot be joined (Wine's, inside the launcher) may still
+    // touch what returning from main would destroy: end here, with nothing
+    // run after the decision. Otherwise the loop returns and everything is
+    // taken down in order.
+    if (threadsOutliveTheLoop())
+        _exit(0);
+    if (m_loop)
+        g_main_loop_quit(m_loop.get());
 }
 
-bool Application::sleepDuringLaunch(std::chrono::milliseconds duration)
+bool Application::isQuitEvent(const Event& event)
 {
-    if (!m_quitSignals) {
-        g_usleep(static_cast<gulong>(duration.count()) * 1000);
-        return false;
-    }
-    if (!m_quitSignals->sleepUnlessQuit(duration))
-        return false;
-    sendEvent(Event { Event::Type::QuitRequest, {}, {} });
-    return true;
+    return event.type == Event::Type::QuitRequest || (event.type == Event::Type::MenuItem && event.action == "quit");
+}
+
+void Application::holdLaunching() { ++m_launchHolds; }
+
+void Application::continueLaunching()
+{
+    if (m_launchHolds > 0 && --m_launchHolds == 0 && m_launching)
+        completeLaunching();
 }
 
 void Application::finishLaunching(const std::vector<Event>& openingEvents)
 {
+    m_launching = true;
+    m_openingEvents = openingEvents;
     postNotification(ApplicationWillFinishLaunchingNotification);
-    for (const auto& event : openingEvents)
+    // The delegate may hold launching while start-up waits; it continues
+    // from the main loop then.
+    if (m_launching && m_launchHolds == 0)
+        completeLaunching();
+}
+
+void Application::completeLaunching()
+{
+    m_launching = false;
+    if (m_ending)
+        return;
+    for (const auto& event : std::exchange(m_openingEvents, {})) {
         sendEvent(event);
+        if (m_ending)
+            return;
+    }
     postNotification(ApplicationDidFinishLaunchingNotification);
     // A launch by the user makes the launcher the active application once.
     sendEvent(Event { Event::Type::Activate, {}, {} });
+    if (m_ending)
+        return;
     // The launch is the main loop's first turn.
     update();
+    // What came while start-up waited, each turn as it came, as a loop that
+    // had been blocked would have delivered it.
+    for (auto& turn : std::exchange(m_heldTurns, {}))
+        sendEventsFromMainLoop(turn);
 }
 
 void Application::sendEventsFromMainLoop(const std::vector<Event>& events) noexcept
 {
-    for (const auto& event : events)
+    if (m_ending)
+        return;
+    if (m_launching) {
+        // A quit is asked at once, so a launcher that waits for its bottle
+        // still quits when told; it ends no turn of its own (the launch's
+        // update follows). Everything else waits for start-up to finish.
+        std::vector<Event> held;
+        for (const auto& event : events) {
+            if (isQuitEvent(event))
+                sendEventFromCallback(event);
+            else
+                held.push_back(event);
+            if (m_ending)
+                return;
+        }
+        if (!held.empty())
+            m_heldTurns.push_back(std::move(held));
+        return;
+    }
+    for (const auto& event : events) {
         sendEventFromCallback(event);
+        if (m_ending)
+            return;
+    }
     update();
 }
 
@@ -397,10 +372,7 @@ void Application::onActivate(GApplication*, gpointer data) noexcept
 
 void Application::requestQuit()
 {
-    if (m_quitSignals)
-        m_quitSignals->requested();
-    else
-        m_mainQueue.post([this] { sendEventsFromMainLoop({ Event { Event::Type::QuitRequest, {}, {} } }); });
+    m_mainQueue.post([this] { sendEventsFromMainLoop({ Event { Event::Type::QuitRequest, {}, {} } }); });
 }
 
 void Application::onQuitAction(GSimpleAction*, GVariant*, gpointer data) noexcept
@@ -507,17 +479,25 @@ int Application::run(int argc, char** argv)
         return 0;
     }
 
-    m_quitSignals = std::make_unique<QuitSignals>(*this);
+    // From now on quit signals are main-loop events; one that came
+    // meanwhile is asked before anything has started.
     bool quitEarly = takeBlockedQuitSignals(quitSignals);
+    for (int signalNumber : { SIGTERM, SIGINT, SIGHUP }) {
+        m_quitSignals.emplace_back("vt quit signal", signalNumber, [this] {
+            sendEventsFromMainLoop({ Event { Event::Type::QuitRequest, {}, {} } });
+            return true;
+        });
+    }
     pthread_sigmask(SIG_UNBLOCK, &quitSignals, nullptr);
     m_loop = adopt(g_main_loop_new(nullptr, FALSE));
     g_application_hold(m_gapplication.get());
-    // Asked before anything has started, as every quit is asked: agreed, it
-    // ends the launcher here.
+    // Agreed, it ends the launcher here.
     if (quitEarly)
         sendEvent(Event { Event::Type::QuitRequest, {}, {} });
-    finishLaunching(openingEventsForArguments(arguments, workingDirectory));
-    g_main_loop_run(m_loop.get());
+    if (!m_ending)
+        finishLaunching(openingEventsForArguments(arguments, workingDirectory));
+    if (!m_ending)
+        g_main_loop_run(m_loop.get());
     return 0;
 }
 

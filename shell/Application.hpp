@@ -99,8 +99,7 @@ public:
 
     // Asks the delegate whether to quit and acts on the reply.
     void terminate();
-    // A quit request from any thread, handled exactly as a quit signal: a
-    // start-up wait takes it at once, otherwise the main loop does.
+    // A quit request, handled from the main loop exactly as a quit signal.
     void requestQuit();
     void replyToApplicationShouldTerminate(bool shouldTerminate);
     void replyToOpenOrPrint(OpenReply reply);
@@ -135,19 +134,30 @@ public:
     // Launching: will-finish-launching, the opening events, did-finish-
     // launching, then one activation. Tests drive it without a command line.
     void finishLaunching(const std::vector<Event>& openingEvents);
-
-    // Start-up waits sleep here. A quit request that arrives meanwhile is
-    // handled at once (and may end the process); answers whether one came.
-    bool sleepDuringLaunch(std::chrono::milliseconds duration);
+    // While start-up waits (the delegate holds launching from inside
+    // will-finish-launching and continues it from the main loop), the
+    // opening events wait with it, and so does every event that arrives
+    // meanwhile, delivered afterwards in order; a quit is asked at once.
+    void holdLaunching();
+    void continueLaunching();
+    bool isLaunching() const { return m_launching; }
+    // An agreed quit has been carried out: no event is dispatched any more
+    // and the main loop returns.
+    bool isEnding() const { return m_ending; }
 
 protected:
-    // Ends the process after an agreed quit, with status 0: the quit-signal
-    // thread is stopped first and everything sent on the bus (the answer to
-    // a quit asked for there) is flushed out.
-    [[noreturn]] virtual void exitAfterTermination();
+    // Ends the launcher after an agreed quit, with status 0: the quit
+    // signals are no longer taken, everything sent on the bus (the answer to
+    // a quit asked for there) is flushed out, and the main loop returns, or,
+    // when a thread that cannot be joined still runs, the process ends at
+    // once.
+    virtual void exitAfterTermination();
+    // Whether a thread runs that cannot be joined before the process ends.
+    virtual bool threadsOutliveTheLoop() const { return false; }
 
 private:
-    class QuitSignals;
+    static bool isQuitEvent(const Event& event);
+    void completeLaunching();
 
     void postNotification(const char* name);
     void activate();
@@ -173,7 +183,12 @@ private:
     DelayedCalls m_delayedCalls;
     GPtr<GApplication> m_gapplication;
     GPtr<GMainLoop> m_loop;
-    std::unique_ptr<QuitSignals> m_quitSignals;
+    std::vector<UnixSignalSource> m_quitSignals;
+    bool m_launching = false;
+    int m_launchHolds = 0;
+    std::vector<Event> m_openingEvents;
+    std::vector<std::vector<Event>> m_heldTurns;
+    bool m_ending = false;
     bool m_awaitingTerminateReply = false;
     bool m_active = false;
     bool m_hidden = false;

@@ -41,6 +41,38 @@ namespace {
         g_variant_get(reply.get(), "(b)", &owned);
         return owned;
     }
+
+    // An asynchronous call's answer, the reply or an error, on the default
+    // main context; nothing once the caller has cancelled.
+    using CallDone = std::function<void(GPtr<GVariant> reply, const std::string& error)>;
+
+    struct PendingCall {
+        GPtr<GCancellable> cancellable;
+        CallDone done;
+    };
+
+    void callAsync(GDBusConnection* connection, const char* destination, const char* path, const char* interface,
+                   const char* method, GVariant* parameters, const GVariantType* replyType,
+                   GCancellable* cancellable, CallDone done)
+    {
+        auto* pending = new PendingCall { cancellable ? addRef(cancellable) : GPtr<GCancellable>(), std::move(done) };
+        g_dbus_connection_call(
+            connection, destination, path, interface, method, parameters, replyType, G_DBUS_CALL_FLAGS_NO_AUTO_START,
+            static_cast<int>(kHelperServerCallTimeout.count()), cancellable,
+            +[](GObject* source, GAsyncResult* result, gpointer data) noexcept {
+                std::unique_ptr<PendingCall> call(static_cast<PendingCall*>(data));
+                GErrorHolder error;
+                GPtr<GVariant> reply = adopt(g_dbus_connection_call_finish(G_DBUS_CONNECTION(source), result, error));
+                if (call->cancellable && g_cancellable_is_cancelled(call->cancellable.get()))
+                    return;
+                try {
+                    call->done(std::move(reply), reply ? std::string() : error.message());
+                } catch (...) {
+                    VTLog("an answer of the helper server could not be taken");
+                }
+            },
+            pending);
+    }
 } // namespace
 
 GDBusInterfaceInfo* helperServerInterfaceInfo()
@@ -67,6 +99,33 @@ std::unique_ptr<HelperServerClient> HelperServerClient::lookUp()
     if (!*owned)
         return nullptr;
     return std::make_unique<HelperServerClient>(std::move(connection));
+}
+
+void HelperServerClient::lookUpAsync(GCancellable* cancellable,
+                                     std::function<void(std::unique_ptr<HelperServerClient>)> done)
+{
+    GErrorHolder error;
+    GPtr<GDBusConnection> connection = adopt(g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, error));
+    if (!connection) {
+        VTLog("no session bus for the helper server: %@", error.message());
+        done(nullptr);
+        return;
+    }
+    GDBusConnection* bus = connection.get();
+    // Shared, so the callback stays copyable; the last copy lets it go.
+    std::shared_ptr<GDBusConnection> held(connection.release(), g_object_unref);
+    callAsync(bus, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "NameHasOwner",
+              g_variant_new("(s)", kHelperServerBusName), G_VARIANT_TYPE("(b)"), cancellable,
+              [held, done = std::move(done)](GPtr<GVariant> reply, const std::string& error) {
+                  if (!reply) {
+                      VTLog("could not ask the session bus for the helper server: %@", error);
+                      done(nullptr);
+                      return;
+                  }
+                  gboolean owned = FALSE;
+                  g_variant_get(reply.get(), "(b)", &owned);
+                  done(owned ? std::make_unique<HelperServerClient>(addRef(held.get())) : nullptr);
+              });
 }
 
 HelperServerClient::HelperServerClient(GPtr<GDBusConnection> connection) : m_connection(std::move(connection))
@@ -121,6 +180,27 @@ bool HelperServerClient::isServerReadyForBottle(const std::string& bottleName)
     gboolean ready = FALSE;
     g_variant_get(reply.get(), "(b)", &ready);
     return ready;
+}
+
+void HelperServerClient::isServerReadyForBottleAsync(
+    const std::string& bottleName, GCancellable* cancellable,
+    std::function<void(std::optional<bool> ready, const std::string& error)> done)
+{
+    if (!g_utf8_validate(bottleName.data(), static_cast<gssize>(bottleName.size()), nullptr)) {
+        done(std::nullopt, "IsServerReadyForBottle: the bottle name is not valid UTF-8");
+        return;
+    }
+    callAsync(m_connection.get(), kHelperServerBusName, kHelperServerObjectPath, kHelperServerInterface,
+              "IsServerReadyForBottle", g_variant_new("(s)", bottleName.c_str()), G_VARIANT_TYPE("(b)"), cancellable,
+              [done = std::move(done)](GPtr<GVariant> reply, const std::string& error) {
+                  if (!reply) {
+                      done(std::nullopt, "IsServerReadyForBottle: " + error);
+                      return;
+                  }
+                  gboolean ready = FALSE;
+                  g_variant_get(reply.get(), "(b)", &ready);
+                  done(ready != FALSE, {});
+              });
 }
 
 void HelperServerClient::raiseWindowsWithTag(int64_t tag)

@@ -2,15 +2,18 @@
 // session bus. It knows the environment that Windows processes of a bottle
 // need and whether a bottle is ready to serve.
 //
-// Every call is synchronous on the caller's thread and needs no main loop, so
-// the client can be used from the main thread during start-up and from loader
-// connection threads afterwards, concurrently.
+// The calls the launcher makes once it runs are synchronous, bounded by
+// kHelperServerCallTimeout; the ones start-up repeats while it waits (the
+// look-up and the bottle question) also come asynchronously, answered on the
+// main loop, so the launcher keeps serving the desktop meanwhile.
 #pragma once
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 
@@ -46,6 +49,10 @@ public:
     // session bus right now. Nothing is started on our behalf. Empty when the
     // bus cannot be reached or nobody owns the name.
     static std::unique_ptr<HelperServerClient> lookUp();
+    // The same attempt, answered on the default main context; `done` is not
+    // called once `cancellable` has been cancelled.
+    static void lookUpAsync(GCancellable* cancellable,
+                            std::function<void(std::unique_ptr<HelperServerClient>)> done);
 
     // Talks to whoever owns the server's name on `connection`.
     explicit HelperServerClient(GPtr<GDBusConnection> connection);
@@ -59,6 +66,11 @@ public:
     std::map<std::string, std::string> getEnvironmentForXConnection();
     bool isServerReady();
     bool isServerReadyForBottle(const std::string& bottleName);
+    // The same question, answered on the default main context: the answer,
+    // or none and the error's text. Not called once `cancellable` has been
+    // cancelled.
+    void isServerReadyForBottleAsync(const std::string& bottleName, GCancellable* cancellable,
+                                     std::function<void(std::optional<bool> ready, const std::string& error)> done);
     // One-way: sent without waiting for the server, which does not answer.
     // Throws when nobody owns the server's name (asked of the bus) or the
     // message cannot be sent at all.

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "base/NotificationCenter.hpp"
+#include "base/VTLog.hpp"
 #include "shell/Application.hpp"
 #include "standin/kit/TestSupport.hpp"
 
@@ -63,13 +64,17 @@ TEST(ApplicationEvents, MenuItemsQuitActivateOrHide)
     EXPECT_EQ(posted, (std::vector<std::string> { ApplicationWillBecomeActiveNotification,
                                                   ApplicationDidBecomeActiveNotification }));
 
-    test::ScopedEnvironment environment;
-    environment.set("VT_LOG", "1");
-    test::StderrCapture capture;
-    app.sendEvent(Event { Event::Type::MenuItem, {}, "hide" });
-    app.sendEvent(Event { Event::Type::MenuItem, {}, "no-such-action" });
-    EXPECT_NE(capture.text().find("] event: menu-item hide\n"), std::string::npos) << capture.text();
-    EXPECT_NE(capture.text().find("] hide\n"), std::string::npos) << capture.text();
+    {
+        test::ScopedEnvironment environment;
+        environment.set("VT_LOG", "1");
+        readDebugLoggingSwitch();
+        test::StderrCapture capture;
+        app.sendEvent(Event { Event::Type::MenuItem, {}, "hide" });
+        app.sendEvent(Event { Event::Type::MenuItem, {}, "no-such-action" });
+        EXPECT_NE(capture.text().find("] event: menu-item hide\n"), std::string::npos) << capture.text();
+        EXPECT_NE(capture.text().find("] hide\n"), std::string::npos) << capture.text();
+    }
+    readDebugLoggingSwitch();
     EXPECT_EQ(delegate.calls.size(), 2u) << "an unknown action does nothing";
     app.setDelegate(nullptr);
 }
@@ -106,4 +111,64 @@ TEST(ApplicationEvents, HidingAndActivationPostEachChangeOnce)
     EXPECT_EQ(take(), (Names { "WillResignActive", "DidResignActive" }));
     EXPECT_FALSE(app.isActive());
     EXPECT_FALSE(app.isHidden());
+}
+
+namespace {
+// Holds launching as the launcher's delegate does while start-up waits.
+class WaitingDelegate : public RecordingDelegate {
+public:
+    explicit WaitingDelegate(Application& app) : m_app(app) {}
+    void applicationWillFinishLaunching() override
+    {
+        calls.push_back("will-finish-launching");
+        m_app.holdLaunching();
+    }
+    void applicationDidFinishLaunching() override { calls.push_back("did-finish-launching"); }
+    bool applicationShouldOpenUntitledFile(Application&) override
+    {
+        calls.push_back("open-untitled");
+        return false;
+    }
+    void openFiles(Application&, const std::vector<std::string>& paths) override
+    {
+        calls.push_back("open-files " + paths.at(0));
+    }
+    bool applicationShouldHandleReopen(Application&, bool) override
+    {
+        calls.push_back("reopen");
+        return false;
+    }
+
+private:
+    Application& m_app;
+};
+} // namespace
+
+TEST(ApplicationEvents, WhileLaunchingWaitsEventsAreHeldInOrderAndAQuitIsAskedAtOnce)
+{
+    Application app;
+    WaitingDelegate delegate(app);
+    app.setDelegate(&delegate);
+    auto observation = NotificationCenter::defaultCenter().addObserver(
+        ApplicationDidUpdateNotification, &app, [&](const Notification&) { delegate.calls.push_back("update"); });
+
+    app.finishLaunching({ Event { Event::Type::OpenUntitled, {}, {} } });
+    EXPECT_TRUE(app.isLaunching());
+    // A second launch with a file, then one without, then a quit signal
+    // (refused by this delegate) and the menu's quit.
+    app.sendEventsFromMainLoop({ Event { Event::Type::OpenFiles, { "/a.txt" }, {} } });
+    app.sendEventsFromMainLoop({ Event { Event::Type::Reopen, {}, {} }, Event { Event::Type::Activate, {}, {} } });
+    app.sendEventsFromMainLoop({ Event { Event::Type::QuitRequest, {}, {} } });
+    app.sendEventsFromMainLoop({ Event { Event::Type::MenuItem, {}, "quit" } });
+    EXPECT_EQ(delegate.calls, (std::vector<std::string> { "will-finish-launching", "should-terminate",
+                                                          "should-terminate" }))
+        << "quits at once, ending no turn; everything else waits";
+
+    delegate.calls.clear();
+    app.continueLaunching();
+    EXPECT_FALSE(app.isLaunching());
+    EXPECT_EQ(delegate.calls,
+              (std::vector<std::string> { "open-untitled", "did-finish-launching", "did-become-active", "update",
+                                          "open-files /a.txt", "update", "reopen", "did-become-active", "update" }));
+    app.setDelegate(nullptr);
 }

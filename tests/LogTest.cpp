@@ -28,6 +28,7 @@ void switchDebugLogging(ScopedEnvironment& env, const char* on)
         env.unset(name);
     if (on)
         env.set(on, "");
+    vt::readDebugLoggingSwitch();
 }
 } // namespace
 
@@ -101,7 +102,7 @@ TEST(VTLog, SilentWithoutAnyVariableAndFormatNotEvaluated)
     EXPECT_EQ(calls, 0);
 }
 
-TEST(VTLog, EachVariableSwitchesItOnEvenWhenEmptyAtTheNextCall)
+TEST(VTLog, EachVariableSwitchesItOnEvenWhenEmptyAndIsReadOnlyWhenAsked)
 {
     for (const char* name : { "VT_LOG", "VT_DEBUGMSG", "DEBUG" }) {
         ScopedEnvironment env;
@@ -109,11 +110,17 @@ TEST(VTLog, EachVariableSwitchesItOnEvenWhenEmptyAtTheNextCall)
         StderrCapture capture;
         vt::VTLog("before");
         env.set(name, ""); // the value is never read
+        vt::VTLog("unread");
+        vt::readDebugLoggingSwitch();
         vt::VTLog("during");
         env.unset(name);
+        vt::VTLog("still");
+        vt::readDebugLoggingSwitch();
         vt::VTLog("after");
         EXPECT_EQ(capture.text().find("before"), std::string::npos) << name;
+        EXPECT_EQ(capture.text().find("unread"), std::string::npos) << name;
         EXPECT_NE(capture.text().find("] during\n"), std::string::npos) << name;
+        EXPECT_NE(capture.text().find("] still\n"), std::string::npos) << name;
         EXPECT_EQ(capture.text().find("after"), std::string::npos) << name;
     }
 }

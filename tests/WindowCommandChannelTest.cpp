@@ -1,9 +1,13 @@
 // The window-command channel: request lines, answers read as one piece, and
 // a real tool process at the other end of the pipes.
 #include <csignal>
+#include <optional>
+
+#include <sys/stat.h>
 
 #include <gtest/gtest.h>
 
+#include "base/MainLoop.hpp"
 #include "integration/WindowCommandChannel.hpp"
 #include "standin/kit/TestSupport.hpp"
 
@@ -35,12 +39,24 @@ TEST(WindowCommandRequests, CarryTagIdentifierAndTextAsTheyStand)
     EXPECT_TRUE(windowCommandToolArguments(std::nullopt).size() == 1u) << "the list ends at the missing bottle";
 }
 
+namespace {
+// Sends one command and runs the main loop until its answer has come.
+std::optional<bool> sendAndWait(WindowCommandChannel& channel, const std::string& text)
+{
+    std::optional<bool> answer;
+    channel.sendMessageToTaggedWindows(text, [&](bool confirmed) { answer = confirmed; });
+    EXPECT_FALSE(answer) << "answers come from the main loop, never inside the call";
+    waitUntil([&] { return answer.has_value(); });
+    return answer;
+}
+} // namespace
+
 TEST(WindowCommandChannel, AToolThatGoesAwayRefusesEveryLaterCommandWithoutAWrite)
 {
     test::TempDir dir;
     int ended = 0;
     WindowCommandChannel channel([&] { ++ended; });
-    EXPECT_FALSE(channel.sendMessageToTaggedWindows("haswindows")) << "no tool yet";
+    EXPECT_EQ(sendAndWait(channel, "haswindows"), false) << "no tool yet";
 
     // Answers the first request, records every byte it was sent, then leaves.
     auto tool = std::make_unique<VTTask>();
@@ -49,7 +65,7 @@ TEST(WindowCommandChannel, AToolThatGoesAwayRefusesEveryLaterCommandWithoutAWrit
                                "cat >> \"$0\"",
                          (dir / "received").string() });
     ASSERT_TRUE(channel.start(std::move(tool)));
-    EXPECT_TRUE(channel.sendMessageToTaggedWindows("haswindows"));
+    EXPECT_EQ(sendAndWait(channel, "haswindows"), true);
     EXPECT_EQ(test::readFile(dir / "received"),
               "-t " + std::to_string(windowTag()) + " -c helperDelegateCommand0 -a haswindows\n");
 
@@ -58,8 +74,43 @@ TEST(WindowCommandChannel, AToolThatGoesAwayRefusesEveryLaterCommandWithoutAWrit
     kill(channel.task()->processIdentifier(), SIGKILL);
     ASSERT_TRUE(waitUntil([&] { return ended == 1; }));
     EXPECT_EQ(channel.task(), nullptr);
-    EXPECT_FALSE(channel.sendMessageToTaggedWindows("close"));
+    EXPECT_EQ(sendAndWait(channel, "close"), false);
     EXPECT_EQ(ended, 1);
+}
+
+TEST(WindowCommandChannel, CommandsWaitForTheirTurnWithoutBlockingTheLoop)
+{
+    // The tool answers the first command only when told (a program asking its
+    // user "Save changes?"), then every later one at once.
+    test::TempDir dir;
+    auto fifo = dir / "go";
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    WindowCommandChannel channel([] {});
+    auto tool = std::make_unique<VTTask>();
+    tool->setLaunchPath("/bin/sh");
+    tool->setArguments({ "-c",
+                         "n=0; while read line; do [ $n = 0 ] && read go < \"$0\"; "
+                         "echo helperDelegateCommand$n:$((n % 2 == 0)); n=$((n + 1)); done",
+                         fifo.string() });
+    ASSERT_TRUE(channel.start(std::move(tool)));
+    std::vector<std::string> answers;
+    for (const char* text : { "close", "queryendsession", "endsession" })
+        channel.sendMessageToTaggedWindows(text, [&answers, text](bool confirmed) {
+            answers.push_back(std::string(text) + (confirmed ? " yes" : " no"));
+        });
+    EXPECT_TRUE(channel.isBusy());
+    // The loop turns (a timer fires) while the first answer is outstanding.
+    bool ticked = false;
+    TimeoutSource tick("test tick", std::chrono::milliseconds(50), [&] {
+        ticked = true;
+        return false;
+    });
+    ASSERT_TRUE(waitUntil([&] { return ticked; }));
+    EXPECT_TRUE(answers.empty());
+    test::writeFile(fifo, "go\n");
+    ASSERT_TRUE(waitUntil([&] { return answers.size() == 3; }));
+    EXPECT_EQ(answers, (std::vector<std::string> { "close yes", "queryendsession no", "endsession yes" }));
+    EXPECT_FALSE(channel.isBusy());
 }
 
 TEST(WindowCommandChannel, AToolThatCannotRunLeavesNoChannel)
@@ -71,5 +122,5 @@ TEST(WindowCommandChannel, AToolThatCannotRunLeavesNoChannel)
     EXPECT_FALSE(channel.start(std::move(tool)));
     EXPECT_NE(capture.text().find("Cannot start the window-command tool: cannot launch '/nonexistent/wine'"),
               std::string::npos);
-    EXPECT_FALSE(channel.sendMessageToTaggedWindows("close"));
+    EXPECT_EQ(sendAndWait(channel, "close"), false);
 }
