@@ -147,7 +147,9 @@ namespace {
         return paths;
     }
 
-    constexpr const char* kMakeWritable = "FileManager::makeWritableAtPath";
+    // The method's name as the product logs it on every platform, so that one
+    // search of a log finds these messages wherever they came from.
+    constexpr const char* kMakeWritable = "-[NSFileManager(VantorAdditions) makeWritableAtPath:recursively:]";
 
     bool isDotDSStore(const char* name) { return g_ascii_strcasecmp(name, ".DS_Store") == 0; }
 

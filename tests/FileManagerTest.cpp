@@ -168,7 +168,8 @@ TEST(FileManager, MakeWritableAddsOnlyTheOwnerWriteBit)
 
     StderrCapture captured;
     EXPECT_FALSE(manager->makeWritableAtPath(tmp / "missing", true));
-    EXPECT_NE(captured.text().find("FileManager::makeWritableAtPath: Could not obtain file attributes for "
+    EXPECT_NE(captured.text().find("-[NSFileManager(VantorAdditions) makeWritableAtPath:recursively:]: "
+                                   "Could not obtain file attributes for "
                                    + (tmp / "missing").string() + ": No such file or directory\n"),
               std::string::npos)
         << captured.text();
@@ -206,7 +207,8 @@ TEST(FileManager, MakeWritableReportsOnlyTheFirstFailureAndGoesOn)
     ASSERT_TRUE(WIFEXITED(status));
     EXPECT_EQ(WEXITSTATUS(status), 1); // answered NO
     std::string text = captured.text();
-    size_t first = text.find("Could not change file attributes for ");
+    size_t first = text.find("-[NSFileManager(VantorAdditions) makeWritableAtPath:recursively:]: "
+                             "Could not change file attributes for ");
     ASSERT_NE(first, std::string::npos) << text;
     EXPECT_EQ(text.find("Could not change file attributes", first + 1), std::string::npos) << text;
     EXPECT_NE(text.find(": Operation not permitted\n"), std::string::npos) << text;
