@@ -271,6 +271,10 @@ WindowsProgram::Environment VTFBHelperDelegate::launcherVariables()
 
 std::string VTFBHelperDelegate::wineLoaderSocketPath()
 {
+    // Asked first: once Wine runs inside, it changes the environment from
+    // its own thread, and the defaults' path is found through the environment.
+    if (wineRunsInside())
+        return {};
     if (vantorDisableWineIntegration())
         return {};
     if (!m_wineLoader) {

@@ -237,3 +237,37 @@ TEST(LauncherStartup, WithoutASessionBusItSaysSoAtOnce)
         EXPECT_EQ(launcher.waitForExit(), 0) << w.launcherLog(run);
     }
 }
+
+TEST(LauncherStartup, WhatComesWhileItWaitsIsDeliveredAfterwardsInOrder)
+{
+    StandinWorld w;
+    auto& launcher = w.startLauncher();
+    // While it looks for the helper server: a second launch with a URL and a file.
+    ASSERT_TRUE(w.waitForLog("looking for the helper server, attempt 1")) << w.launcherLog();
+    EXPECT_EQ(w.startLauncher({ "https://example.com/first", "while looking.txt" }).waitForExit(), 0);
+    // While it waits for the bottle: a second launch without arguments.
+    w.startHelperServer({ { "VT_STANDIN_NOT_READY", "2" } });
+    ASSERT_TRUE(w.waitForLog("is not ready yet")) << w.launcherLog();
+    EXPECT_EQ(w.startLauncher().waitForExit(), 0);
+    ASSERT_TRUE(w.waitForLog("event: reopen")) << w.launcherLog();
+
+    std::string log = w.launcherLog();
+    const std::string inOrder[] = {
+        kStartupDone,
+        "event: open-untitled",
+        "event: activate",
+        "event: open-url https://example.com/first",
+        "event: open-files " + (w.dir / "while looking.txt").string(),
+        "event: reopen",
+    };
+    size_t at = 0;
+    for (const auto& text : inOrder) {
+        size_t found = log.find(text, at);
+        ASSERT_NE(found, std::string::npos) << "\"" << text << "\" in order in\n" << log;
+        at = found;
+    }
+    // Each reached the program: the untitled start, the URL, the file.
+    EXPECT_TRUE(w.records.waitForTools(3, "vtmenu") || w.records.tools("vtstart").size() == 1) << log;
+    launcher.signal(SIGTERM);
+    EXPECT_EQ(launcher.waitForExit(), 0) << w.launcherLog();
+}

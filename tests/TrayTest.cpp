@@ -199,3 +199,50 @@ TEST_F(Tray, WhileStartUpWaitsTheItemSaysSoAndItRegistersWithALateWatcher)
     ASSERT_TRUE(w.records.waitForTools(2)) << w.launcherLog();
     EXPECT_TRUE(waitUntil([&] { return watcher.toolTipText() == "Notepad"; }));
 }
+
+TEST_F(Tray, WhileStartUpWaitsForTheBottleTheItemAnswersAndItsMenuQuits)
+{
+    w.startHelperServer({ { "VT_STANDIN_NOT_READY", "1000" } });
+    auto& launcher = w.startLauncher();
+    ASSERT_TRUE(w.waitForLog("is not ready yet")) << w.launcherLog();
+    ASSERT_TRUE(watcher.waitForRegistration()) << w.launcherLog();
+    EXPECT_EQ(watcher.toolTipText(), "Getting Office ready…");
+    ASSERT_EQ(watcher.menuLayout().children.size(), 1u);
+
+    watcher.clickMenuItem("Quit Notepad");
+    EXPECT_EQ(launcher.waitForExit(), 0) << w.launcherLog();
+    EXPECT_TRUE(w.records.tools().empty()) << "nothing was started";
+}
+
+TEST_F(Tray, WhileTheProgramAsksSaveChangesTheDesktopAndASecondLaunchAreServed)
+{
+    // The program asks its user and has not answered yet.
+    w.setAnswer("queryendsession", "silent");
+    auto& launcher = launch();
+    size_t seen = w.records.commandTexts().size();
+    launcher.signal(SIGTERM);
+    ASSERT_TRUE(w.records.waitFor("request", seen + 2)) << w.launcherLog();
+    EXPECT_EQ(w.records.commandTexts().back(), "queryendsession");
+
+    // The desktop reads the item and its menu; a second launch is taken.
+    EXPECT_EQ(watcher.stringProperty("Title"), "Notepad");
+    EXPECT_EQ(watcher.menuLayout().children.size(), 1u);
+    EXPECT_EQ(w.startLauncher().waitForExit(), 0);
+    EXPECT_TRUE(w.waitForLog("event: reopen")) << w.launcherLog();
+    // A click on the icon brings the program's windows, and so its question, forward at once.
+    std::string raise = "RaiseWindowsWithTag " + std::to_string(launcher.pid());
+    auto raises = [&] {
+        auto calls = w.records.texts("call");
+        return std::count(calls.begin(), calls.end(), raise);
+    };
+    auto before = raises();
+    watcher.activate(10, 10);
+    ASSERT_TRUE(waitUntil([&] { return raises() == before + 1; })) << w.launcherLog();
+    EXPECT_EQ(w.records.commandTexts().size(), seen + 2) << "the activation's commands wait for their turn";
+
+    // The tool goes without answering: the quit is refused, nothing is ended.
+    ASSERT_EQ(w.records.tools("wine").size(), 1u);
+    kill(w.records.tools("wine").at(0).pid, SIGKILL);
+    ASSERT_TRUE(w.waitForLog("Message mismatch.  Expected helperDelegateCommand")) << w.launcherLog();
+    EXPECT_EQ(launcher.waitForExit(1s), std::nullopt) << "the program still runs, so does its launcher";
+}
