@@ -1,12 +1,9 @@
 #include "shell/StatusNotifierItem.hpp"
 
-#include <atomic>
-#include <cerrno>
 #include <chrono>
-#include <future>
-#include <mutex>
 #include <stdexcept>
-#include <thread>
+#include <string_view>
+#include <utility>
 
 #include <libdbusmenu-glib/menuitem.h>
 #include <libdbusmenu-glib/server.h>
@@ -14,7 +11,6 @@
 
 #include "base/MainLoop.hpp"
 #include "base/VTLog.hpp"
-#include "base/posix_glue.hpp"
 
 namespace vt {
 
@@ -28,6 +24,12 @@ namespace {
     const char* const kWatcherPath = "/StatusNotifierWatcher";
     const char* const kWatcherInterface = "org.kde.StatusNotifierWatcher";
     constexpr int kIconSize = 128;
+    // A watcher that drops the item just after registering it is given it
+    // again after a moment, a few times: enough for a watcher whose own
+    // look-up of the item raced with its registration, and no endless
+    // exchange with one that keeps refusing it.
+    constexpr auto kRegisterAgainDelay = 500ms;
+    constexpr unsigned kRegistrationsAgainPerWatcher = 5;
 
     const char* const introspectionXml = R"xml(
 <node>
@@ -48,6 +50,8 @@ namespace {
     <property name="ToolTip" type="(sa(iiay)ss)" access="read"/>
     <property name="ItemIsMenu" type="b" access="read"/>
     <property name="Menu" type="o" access="read"/>
+    <property name="IconAccessibleDesc" type="s" access="read"/>
+    <property name="AttentionAccessibleDesc" type="s" access="read"/>
     <method name="Activate">
       <arg name="x" type="i" direction="in"/>
       <arg name="y" type="i" direction="in"/>
@@ -63,6 +67,9 @@ namespace {
     <method name="Scroll">
       <arg name="delta" type="i" direction="in"/>
       <arg name="orientation" type="s" direction="in"/>
+    </method>
+    <method name="ProvideXdgActivationToken">
+      <arg name="token" type="s" direction="in"/>
     </method>
     <signal name="NewTitle"/>
     <signal name="NewIcon"/>
@@ -131,24 +138,8 @@ namespace {
     }
 
     GVariant* noPixmaps() { return g_variant_new_array(G_VARIANT_TYPE("(iiay)"), nullptr, 0); }
-
-    // The item's thread waits for the bus and the menu's callers in poll()
-    // and dispatches holding its dispatch lock: this poll function, set on
-    // the item's context, lets go of the lock for the wait only.
-    thread_local std::unique_lock<std::mutex>* dispatchLockOfThisThread = nullptr;
-
-    gint pollWithoutDispatchLock(GPollFD* fds, guint count, gint timeout) noexcept
-    {
-        if (dispatchLockOfThisThread)
-            dispatchLockOfThisThread->unlock();
-        gint result = g_poll(fds, count, timeout);
-        int savedErrno = errno;
-        if (dispatchLockOfThisThread)
-            dispatchLockOfThisThread->lock();
-        errno = savedErrno;
-        return result;
-    }
 } // namespace
+
 
 class StatusNotifierItem::Service {
 public:
@@ -162,11 +153,12 @@ public:
     void setIcon(const GdkPixbuf& tile);
     void setToolTip(const std::string& text);
     void setMenu(const Menu& menu);
+    std::string takeActivationToken() { return std::exchange(m_activationToken, std::string()); }
 
 private:
     // What a click on a menu item reaches. The item-activated handlers hold
     // it weakly, because libdbusmenu may deliver a click after the item has
-    // gone (see applyMenu).
+    // gone (see the destructor).
     struct MenuClicks {
         std::function<void(const std::string&)> menuAction;
         MainQueueToken mainQueue;
@@ -176,14 +168,10 @@ private:
         std::string action;
     };
 
-    void run(std::promise<void>& ready) noexcept;
-    void setUp();
-    void exportMenu();
-    void tearDown() noexcept;
-    void settle() noexcept;
     void registerWithWatcher();
+    bool namesThisItem(std::string_view service) const;
+    void droppedByWatcher();
     void emitSignal(const char* name) noexcept;
-    void applyMenu(const Menu& menu);
     void addMenuItems(DbusmenuMenuitem* parent, const Menu& menu, int& nextId);
 
     GVariant* property(const std::string& name);
@@ -194,11 +182,14 @@ private:
     static GVariant* onGetProperty(GDBusConnection*, const char* sender, const char* objectPath,
                                    const char* interfaceName, const char* propertyName, GError** error,
                                    gpointer data) noexcept;
+    static void onMenuExported(DbusmenuServer*, guint revision, gint parent, gpointer data) noexcept;
     static void onNameAcquired(GDBusConnection*, const char* name, gpointer data) noexcept;
     static void onNameLost(GDBusConnection*, const char* name, gpointer data) noexcept;
     static void onWatcherAppeared(GDBusConnection*, const char* name, const char* owner, gpointer data) noexcept;
     static void onWatcherVanished(GDBusConnection*, const char* name, gpointer data) noexcept;
-    static void onRegistered(GObject* source, GAsyncResult* result, gpointer data) noexcept;
+    static void onItemUnregistered(GDBusConnection*, const char* sender, const char* path, const char* interface,
+                                   const char* signal, GVariant* parameters, gpointer data) noexcept;
+    static void onRegistered(GObject* source, GAsyncResult* result, gpointer) noexcept;
     static void onMenuItemActivated(DbusmenuMenuitem*, guint timestamp, gpointer data) noexcept;
 
     const std::string m_id;
@@ -206,30 +197,28 @@ private:
     const std::string m_busName;
     const Callbacks m_callbacks;
     GPtr<GDBusConnection> m_connection;
-    GPtr<GMainContext> m_context;
-    std::atomic<bool> m_stopping { false };
-    std::thread m_thread;
-
-    // What the setters change, read by the item's thread.
-    std::mutex m_stateMutex;
-    GPtr<GVariant> m_iconPixmap;
-    std::string m_toolTip;
-
-    // Held by the item's thread except while it waits for work; the menu's
-    // root is only replaced under it (see applyMenu).
-    std::mutex m_dispatchMutex;
-    GPtr<DbusmenuServer> m_menuServer;
-
-    // The item's thread only.
     GPtr<GCancellable> m_cancellable;
-    DBusObjectRegistration m_object;
-    BusNameOwnership m_name;
-    BusNameWatch m_watcherWatch;
-    bool m_nameOwned = false;
-    std::string m_watcherOwner;
 
+    GPtr<GVariant> m_iconPixmap;
+    OwnedSource m_newIcon; // NewIcon for the tiles set this turn
+    std::string m_toolTip;
+    std::string m_activationToken;
+
+    DBusObjectRegistration m_object;
+    GPtr<DbusmenuServer> m_menuServer;
+    SignalConnection m_menuExport; // until the menu is on the bus
     std::shared_ptr<MenuClicks> m_menuClicks;
     MainQueueToken m_mainQueue;
+
+    BusNameOwnership m_name;
+    bool m_nameOwned = false;
+    BusNameWatch m_watcherWatch;
+    // The watcher that owns the name now (its unique name), and its word
+    // that it has dropped an item.
+    std::string m_watcherOwner;
+    DBusSignalSubscription m_unregisteredSignal;
+    TimeoutSource m_registerAgain;
+    unsigned m_registrationsAgain = 0; // with this watcher
 };
 
 StatusNotifierItem::Service::Service(std::string id, std::string title, const GdkPixbuf& icon, Callbacks callbacks,
@@ -238,6 +227,7 @@ StatusNotifierItem::Service::Service(std::string id, std::string title, const Gd
     , m_title(validUtf8(title))
     , m_busName("org.kde.StatusNotifierItem-" + std::to_string(getpid()) + "-1")
     , m_callbacks(std::move(callbacks))
+    , m_cancellable(adopt(g_cancellable_new()))
     , m_iconPixmap(adopt(iconPixmapValue(icon)))
     , m_toolTip(toolTip ? validUtf8(*toolTip) : m_title)
     , m_menuClicks(std::make_shared<MenuClicks>(MenuClicks { m_callbacks.menuAction, {} }))
@@ -246,132 +236,65 @@ StatusNotifierItem::Service::Service(std::string id, std::string title, const Gd
     m_connection = adopt(g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, error));
     if (!m_connection)
         throw std::runtime_error(std::string("no session bus for the status icon: ") + error.message());
-    m_context = adopt(g_main_context_new());
-    g_main_context_set_poll_func(m_context.get(), pollWithoutDispatchLock);
-    // Waits for the item's thread to have exported the object and the menu:
-    // local work on a connection that is already there, no bus round trip,
-    // and that thread never waits for this one.
-    std::promise<void> ready;
-    std::future<void> started = ready.get_future();
-    m_thread = std::thread([this, &ready] {
-        nameThisThread("vt-status-item");
-        run(ready);
-    });
-    try {
-        started.get();
-    } catch (...) {
-        m_thread.join();
-        throw;
-    }
-}
-
-StatusNotifierItem::Service::~Service()
-{
-    m_stopping = true;
-    g_main_context_wakeup(m_context.get());
-    m_thread.join();
-}
-
-void StatusNotifierItem::Service::run(std::promise<void>& ready) noexcept
-{
-    std::unique_lock lock(m_dispatchMutex);
-    dispatchLockOfThisThread = &lock;
-    g_main_context_push_thread_default(m_context.get());
-    bool running = false;
-    try {
-        setUp();
-        running = true;
-        ready.set_value();
-    } catch (...) {
-        ready.set_exception(std::current_exception());
-    }
-    // A flag rather than g_main_loop_quit, which is lost when it comes
-    // before the loop has started.
-    while (running && !m_stopping)
-        g_main_context_iteration(m_context.get(), TRUE);
-    tearDown();
-    g_main_context_pop_thread_default(m_context.get());
-    dispatchLockOfThisThread = nullptr;
-}
-
-void StatusNotifierItem::Service::setUp()
-{
-    m_cancellable = adopt(g_cancellable_new());
     static const GDBusInterfaceVTable vtable = { onMethodCall, onGetProperty, nullptr, { nullptr } };
-    GErrorHolder error;
     m_object = DBusObjectRegistration(addRef(m_connection.get()),
                                       g_dbus_connection_register_object(m_connection.get(), kStatusNotifierItemPath,
                                                                         itemInterfaceInfo(), &vtable, this, nullptr,
                                                                         error));
     if (!m_object)
         throw std::runtime_error(std::string("cannot export the status-notifier item: ") + error.message());
-    exportMenu();
-    // The name, then the watcher: a watcher is only told about an item whose
+    // libdbusmenu looks the session bus up asynchronously and exports the
+    // menu from that look-up's callback, on the context that was the
+    // thread's default when the server was made (GTask makes it the default
+    // again around the callback), which is where the menu's methods are
+    // then dispatched. So the server is made here, on the main context, and
+    // the menu goes on the bus from the main loop's first turn: running the
+    // main loop inside this constructor to wait for it would dispatch
+    // everybody's sources from inside the constructor. Hosts find the item
+    // by its name, so the name is asked for once the menu is out.
+    m_menuServer = adopt(dbusmenu_server_new(kStatusNotifierMenuPath));
+    m_menuExport = SignalConnection(m_menuServer.get(), g_signal_connect(m_menuServer.get(), DBUSMENU_SERVER_SIGNAL_LAYOUT_UPDATED,
+                                                                         G_CALLBACK(onMenuExported), this));
+    // The name and the watcher: a watcher is only told about an item whose
     // name it can find, so registering waits for both.
-    m_name = BusNameOwnership(g_bus_own_name_on_connection(m_connection.get(), m_busName.c_str(),
-                                                           G_BUS_NAME_OWNER_FLAGS_NONE, onNameAcquired, onNameLost,
-                                                           this, nullptr));
     m_watcherWatch = BusNameWatch(g_bus_watch_name_on_connection(m_connection.get(), kStatusNotifierWatcherName,
                                                                  G_BUS_NAME_WATCHER_FLAGS_NONE, onWatcherAppeared,
                                                                  onWatcherVanished, this, nullptr));
 }
 
-void StatusNotifierItem::Service::exportMenu()
+StatusNotifierItem::Service::~Service()
 {
-    // The server looks the session bus up asynchronously and exports itself
-    // from its callback, which runs here, on the item's context: so its
-    // method calls are dispatched on this thread. Wait for that before the
-    // main thread may give it a root, whose updates libdbusmenu sends from
-    // the main loop and which read the connection the callback stores.
-    m_menuServer = adopt(dbusmenu_server_new(kStatusNotifierMenuPath));
-    bool exported = false;
-    auto onExported = +[](DbusmenuServer*, guint, gint, gpointer data) noexcept { *static_cast<bool*>(data) = true; };
-    SignalConnection exportWatch(m_menuServer.get(), g_signal_connect(m_menuServer.get(), DBUSMENU_SERVER_SIGNAL_LAYOUT_UPDATED,
-                                                                      G_CALLBACK(onExported), &exported));
-    bool timedOut = false;
-    TimeoutSource guard("vt status icon: menu export", 5s, [&timedOut] {
-        timedOut = true;
-        return false;
-    }, m_context.get());
-    while (!exported && !timedOut)
-        g_main_context_iteration(m_context.get(), TRUE);
-    if (!exported)
-        VTLog("the status icon's menu could not be exported at %@", kStatusNotifierMenuPath);
-}
-
-void StatusNotifierItem::Service::tearDown() noexcept
-{
+    // After this nothing reaches the item: GDBus calls nobody for a name,
+    // watch, subscription or object once it is given back, the call in
+    // flight carries no pointer to us, and the sources are ours. The
+    // registration with the watcher is cancelled rather than waited for.
     g_cancellable_cancel(m_cancellable.get());
+    m_registerAgain.stop();
+    m_newIcon.stop();
+    m_unregisteredSignal.reset();
     m_watcherWatch.reset();
     m_name.reset();
     m_object.reset();
-    // Disposing the server removes the updates it has scheduled on the main
-    // loop. That is safe from here only because the main thread is inside our
-    // destructor, waiting for this thread, and so cannot be running one. The
-    // menu items go with it; a click libdbusmenu has already scheduled keeps
-    // its item alive and finds the MenuClicks gone.
+    // Disposing the server unexports the menu and removes the updates it
+    // has scheduled on the main loop. The menu items go with it; a click
+    // libdbusmenu has already scheduled keeps its item alive and finds the
+    // MenuClicks gone. A server still waiting for its bus look-up is kept
+    // alive by it, and exports and unexports itself when it ends.
+    m_menuExport.reset();
     m_menuServer.reset();
-    settle();
+    m_menuClicks.reset();
+    m_connection.reset();
 }
 
-void StatusNotifierItem::Service::settle() noexcept
+void StatusNotifierItem::Service::onMenuExported(DbusmenuServer*, guint, gint, gpointer data) noexcept
 {
-    // GDBus drops its references to the connection (name owning and
-    // watching, unsubscribed signals, calls in flight) from callbacks on
-    // this context. A round trip to the bus daemon brings in every earlier
-    // reply; running what arrived may send more, so go on until a round trip
-    // brings nothing. Then the shared connection can be finalised.
-    bool dispatched = true;
-    while (dispatched) {
-        GPtr<GVariant> reply = adopt(g_dbus_connection_call_sync(
-            m_connection.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "GetId",
-            nullptr, G_VARIANT_TYPE("(s)"), G_DBUS_CALL_FLAGS_NONE, 2000, nullptr, nullptr));
-        dispatched = false;
-        while (g_main_context_iteration(m_context.get(), FALSE))
-            dispatched = true;
-        if (!reply)
-            break; // the bus has gone: nothing more will arrive
-    }
+    // The first layout update is the export (libdbusmenu announces the
+    // layout once the menu is on the bus); later ones are the menu's own.
+    auto* self = static_cast<Service*>(data);
+    self->m_menuExport.reset();
+    self->m_name = BusNameOwnership(g_bus_own_name_on_connection(self->m_connection.get(), self->m_busName.c_str(),
+                                                                 G_BUS_NAME_OWNER_FLAGS_NONE, onNameAcquired,
+                                                                 onNameLost, self, nullptr));
 }
 
 void StatusNotifierItem::Service::registerWithWatcher()
@@ -381,22 +304,62 @@ void StatusNotifierItem::Service::registerWithWatcher()
     VTLog("registering the status icon %@ with %@", m_busName, m_watcherOwner);
     g_dbus_connection_call(m_connection.get(), m_watcherOwner.c_str(), kWatcherPath, kWatcherInterface,
                            "RegisterStatusNotifierItem", g_variant_new("(s)", m_busName.c_str()), nullptr,
-                           G_DBUS_CALL_FLAGS_NO_AUTO_START, -1, m_cancellable.get(), onRegistered, this);
+                           G_DBUS_CALL_FLAGS_NO_AUTO_START, -1, m_cancellable.get(), onRegistered, nullptr);
 }
 
 void StatusNotifierItem::Service::onRegistered(GObject* source, GAsyncResult* result, gpointer) noexcept
 {
+    // May run after the item has gone (cancelled): it touches nothing of it.
     GErrorHolder error;
     GPtr<GVariant> reply = adopt(g_dbus_connection_call_finish(G_DBUS_CONNECTION(source), result, error));
     if (!reply && !error.matches(G_IO_ERROR, G_IO_ERROR_CANCELLED))
         VTLog("the status-notifier watcher refused the status icon: %@", error.message());
 }
 
+bool StatusNotifierItem::Service::namesThisItem(std::string_view service) const
+{
+    // A watcher names an item as it was registered, by its bus name, or by
+    // the connection's unique name, either possibly followed by the path.
+    std::string_view name = service;
+    if (auto slash = service.find('/'); slash != std::string_view::npos) {
+        if (service.substr(slash) != kStatusNotifierItemPath)
+            return false;
+        name = service.substr(0, slash);
+    }
+    const char* unique = g_dbus_connection_get_unique_name(m_connection.get());
+    return name == m_busName || (unique && name == unique);
+}
+
+void StatusNotifierItem::Service::droppedByWatcher()
+{
+    if (m_registerAgain.isActive())
+        return;
+    if (m_registrationsAgain == kRegistrationsAgainPerWatcher) {
+        // Said once: the count stays there until another watcher appears.
+        ++m_registrationsAgain;
+        VTLog("the status-notifier watcher %@ dropped the status icon again; not registering it any more",
+              m_watcherOwner);
+        return;
+    }
+    if (m_registrationsAgain > kRegistrationsAgainPerWatcher)
+        return;
+    ++m_registrationsAgain;
+    VTLog("the status-notifier watcher %@ dropped the status icon; registering it again", m_watcherOwner);
+    m_registerAgain = TimeoutSource("vt status icon: register again", kRegisterAgainDelay, [this] {
+        registerWithWatcher();
+        return false;
+    });
+}
+
 void StatusNotifierItem::Service::onNameAcquired(GDBusConnection*, const char*, gpointer data) noexcept
 {
     auto* self = static_cast<Service*>(data);
     self->m_nameOwned = true;
-    self->registerWithWatcher();
+    try {
+        self->registerWithWatcher();
+    } catch (...) {
+        VTLog("cannot register the status icon");
+    }
 }
 
 void StatusNotifierItem::Service::onNameLost(GDBusConnection*, const char* name, gpointer data) noexcept
@@ -411,8 +374,18 @@ void StatusNotifierItem::Service::onWatcherAppeared(GDBusConnection*, const char
     auto* self = static_cast<Service*>(data);
     try {
         // The owner, not the well-known name: the watcher that just
-        // appeared is the one to tell, even if another replaces it meanwhile.
+        // appeared is the one to tell, and the one whose word counts when it
+        // drops the item, even if another replaces it meanwhile. Subscribed
+        // before registering, so that the bus has the match before the
+        // watcher has the item.
         self->m_watcherOwner = owner;
+        self->m_registrationsAgain = 0;
+        self->m_registerAgain.stop();
+        self->m_unregisteredSignal = DBusSignalSubscription(
+            addRef(self->m_connection.get()),
+            g_dbus_connection_signal_subscribe(self->m_connection.get(), owner, kWatcherInterface,
+                                               "StatusNotifierItemUnregistered", kWatcherPath, nullptr,
+                                               G_DBUS_SIGNAL_FLAGS_NONE, onItemUnregistered, self, nullptr));
         self->registerWithWatcher();
     } catch (...) {
         VTLog("cannot register the status icon");
@@ -421,20 +394,47 @@ void StatusNotifierItem::Service::onWatcherAppeared(GDBusConnection*, const char
 
 void StatusNotifierItem::Service::onWatcherVanished(GDBusConnection*, const char*, gpointer data) noexcept
 {
-    static_cast<Service*>(data)->m_watcherOwner.clear();
+    auto* self = static_cast<Service*>(data);
+    self->m_watcherOwner.clear();
+    self->m_unregisteredSignal.reset();
+    self->m_registerAgain.stop();
+}
+
+void StatusNotifierItem::Service::onItemUnregistered(GDBusConnection*, const char*, const char*, const char*,
+                                                     const char*, GVariant* parameters, gpointer data) noexcept
+{
+    auto* self = static_cast<Service*>(data);
+    try {
+        if (!g_variant_is_of_type(parameters, G_VARIANT_TYPE("(s)")))
+            return;
+        const char* service = nullptr;
+        g_variant_get(parameters, "(&s)", &service);
+        if (self->namesThisItem(service))
+            self->droppedByWatcher();
+    } catch (...) {
+        VTLog("cannot register the status icon again");
+    }
 }
 
 void StatusNotifierItem::Service::onMethodCall(GDBusConnection*, const char*, const char*, const char*,
-                                               const char* methodName, GVariant*,
+                                               const char* methodName, GVariant* parameters,
                                                GDBusMethodInvocation* invocation, gpointer data) noexcept
 {
     auto* self = static_cast<Service*>(data);
     try {
         if (g_str_equal(methodName, "Activate")) {
+            // Posted, not called: an activation may end the item, which must
+            // not happen inside GDBus's dispatch of its own method.
             self->m_mainQueue.post([self] {
                 if (self->m_callbacks.activate)
                     self->m_callbacks.activate();
             });
+        } else if (g_str_equal(methodName, "ProvideXdgActivationToken")) {
+            // Kept for the processes the next activation starts or raises,
+            // so that the desktop lets them take the focus.
+            const char* token = nullptr;
+            g_variant_get(parameters, "(&s)", &token);
+            self->m_activationToken = token;
         }
         // SecondaryActivate, ContextMenu and Scroll mean nothing to the
         // launcher: the menu is in Menu, and there is nothing to scroll.
@@ -467,14 +467,15 @@ GVariant* StatusNotifierItem::Service::property(const std::string& name)
         return g_variant_new_string("ApplicationStatus");
     if (name == "Id")
         return g_variant_new_string(m_id.c_str());
-    if (name == "Title")
+    // The title names the icon for a screen reader as well as anything.
+    if (name == "Title" || name == "IconAccessibleDesc")
         return g_variant_new_string(m_title.c_str());
     if (name == "Status")
         return g_variant_new_string("Active");
     if (name == "WindowId")
         return g_variant_new_int32(0);
     if (name == "IconThemePath" || name == "IconName" || name == "OverlayIconName" || name == "AttentionIconName"
-        || name == "AttentionMovieName")
+        || name == "AttentionMovieName" || name == "AttentionAccessibleDesc")
         return g_variant_new_string("");
     if (name == "OverlayIconPixmap" || name == "AttentionIconPixmap")
         return noPixmaps();
@@ -482,7 +483,6 @@ GVariant* StatusNotifierItem::Service::property(const std::string& name)
         return g_variant_new_boolean(FALSE);
     if (name == "Menu")
         return g_variant_new_object_path(kStatusNotifierMenuPath);
-    std::lock_guard lock(m_stateMutex);
     if (name == "IconPixmap")
         return g_variant_ref(m_iconPixmap.get());
     if (name == "ToolTip")
@@ -492,8 +492,6 @@ GVariant* StatusNotifierItem::Service::property(const std::string& name)
 
 void StatusNotifierItem::Service::emitSignal(const char* name) noexcept
 {
-    // Emitting is thread-safe: the connection queues the message for its
-    // own thread.
     GErrorHolder error;
     if (!g_dbus_connection_emit_signal(m_connection.get(), nullptr, kStatusNotifierItemPath, kItemInterface, name,
                                        nullptr, error))
@@ -502,46 +500,32 @@ void StatusNotifierItem::Service::emitSignal(const char* name) noexcept
 
 void StatusNotifierItem::Service::setIcon(const GdkPixbuf& tile)
 {
-    GPtr<GVariant> pixmap = adopt(iconPixmapValue(tile));
-    {
-        std::lock_guard lock(m_stateMutex);
-        m_iconPixmap = std::move(pixmap);
-    }
-    emitSignal("NewIcon");
+    g_return_if_fail(isMainThread());
+    // The pixmap changes at once, so that a host reading it meanwhile gets
+    // the latest tile; the announcement waits for the end of the turn, so
+    // that a host is not asked to read a burst of tiles one by one.
+    m_iconPixmap = adopt(iconPixmapValue(tile));
+    if (m_newIcon.isActive())
+        return;
+    m_newIcon = OwnedSource(adopt(g_idle_source_new()), "vt status icon: NewIcon", [this] {
+        emitSignal("NewIcon");
+        return false;
+    });
 }
 
 void StatusNotifierItem::Service::setToolTip(const std::string& text)
 {
-    {
-        std::lock_guard lock(m_stateMutex);
-        m_toolTip = validUtf8(text);
-    }
+    g_return_if_fail(isMainThread());
+    m_toolTip = validUtf8(text);
     emitSignal("NewToolTip");
 }
 
 void StatusNotifierItem::Service::setMenu(const Menu& menu)
 {
-    if (isMainThread())
-        applyMenu(menu);
-    else
-        m_mainQueue.post([this, menu] { applyMenu(menu); });
-}
-
-void StatusNotifierItem::Service::applyMenu(const Menu& menu)
-{
-    // libdbusmenu is not thread-safe, and it works on two threads here. Its
-    // D-Bus methods (GetLayout, Event...) run on the item's thread, where the
-    // server exported itself. But it schedules its LayoutUpdated and property
-    // updates, and the clicks it delivers as item-activated, on the global
-    // default main context with g_idle_add and g_timeout_add: on the main
-    // thread. So the root is replaced here, on the main thread, where those
-    // updates run (never concurrently with one of them), and under the
-    // dispatch lock, which keeps the item's thread out of the server
-    // meanwhile. The items are built beforehand, outside the lock.
+    g_return_if_fail(isMainThread());
     GPtr<DbusmenuMenuitem> root = adopt(dbusmenu_menuitem_new_with_id(0));
     int nextId = 1;
     addMenuItems(root.get(), menu, nextId);
-    std::lock_guard lock(m_dispatchMutex);
     if (m_menuServer)
         dbusmenu_server_set_root(m_menuServer.get(), root.get());
 }
@@ -573,9 +557,8 @@ void StatusNotifierItem::Service::addMenuItems(DbusmenuMenuitem* parent, const M
 
 void StatusNotifierItem::Service::onMenuItemActivated(DbusmenuMenuitem*, guint, gpointer data) noexcept
 {
-    // libdbusmenu calls this from the default main context, i.e. on the main
-    // thread. The action is still posted rather than called: a quit ends the
-    // item, which must not happen inside libdbusmenu's own dispatch.
+    // The action is posted rather than called: a quit ends the item, which
+    // must not happen inside libdbusmenu's own dispatch.
     try {
         auto* click = static_cast<MenuClick*>(data);
         std::shared_ptr<MenuClicks> clicks = click->clicks.lock();
@@ -603,5 +586,7 @@ void StatusNotifierItem::setIcon(const GdkPixbuf& tile) { m_service->setIcon(til
 void StatusNotifierItem::setToolTip(const std::string& text) { m_service->setToolTip(text); }
 
 void StatusNotifierItem::setMenu(const Menu& menu) { m_service->setMenu(menu); }
+
+std::string StatusNotifierItem::takeActivationToken() { return m_service->takeActivationToken(); }
 
 } // namespace vt

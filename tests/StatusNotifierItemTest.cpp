@@ -1,14 +1,15 @@
 // The launcher's status icon as the desktop sees it: a StatusNotifierItem on a
-// private bus, registered with and read by the stand-in watcher.
+// private bus, registered with and read by the stand-in watcher. The item is
+// served by this test's main loop, which the watcher's calls and waits run.
 #include <algorithm>
 #include <functional>
-#include <future>
-#include <thread>
+#include <optional>
 
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include "base/MainLoop.hpp"
+#include "base/VTLog.hpp"
 #include "shell/StatusNotifierItem.hpp"
 #include "standin/kit/StatusNotifierWatcher.hpp"
 #include "standin/kit/TestSupport.hpp"
@@ -37,6 +38,51 @@ Rgba pixelAt(const GdkPixbuf* image, int x, int y)
                       + x * gdk_pixbuf_get_n_channels(image);
     return { p[0], p[1], p[2], gdk_pixbuf_get_has_alpha(image) ? p[3] : guint8(255) };
 }
+
+Rgba iconCorner(StatusNotifierWatcher& watcher)
+{
+    GPtr<GdkPixbuf> shown = watcher.iconPixmap();
+    return pixelAt(shown.get(), 127, 127);
+}
+
+bool operator==(Rgba a, Rgba b) { return a.r == b.r && a.g == b.g && a.b == b.b && a.a == b.a; }
+
+void PrintTo(Rgba colour, std::ostream* out)
+{
+    *out << "rgba(" << int(colour.r) << ", " << int(colour.g) << ", " << int(colour.b) << ", " << int(colour.a) << ")";
+}
+
+// The launcher's debug log, switched on and collected for a scope.
+class DebugLog {
+public:
+    DebugLog()
+    {
+        m_environment.emplace();
+        m_environment->set("VT_LOG", "");
+        readDebugLoggingSwitch();
+    }
+    ~DebugLog()
+    {
+        m_environment.reset();
+        readDebugLoggingSwitch();
+    }
+    bool waitForLine(const std::string& text)
+    {
+        return waitUntil([&] { return m_capture.text().find(text) != std::string::npos; });
+    }
+    size_t count(const std::string& text) const
+    {
+        size_t found = 0;
+        const std::string all = m_capture.text();
+        for (size_t at = all.find(text); at != std::string::npos; at = all.find(text, at + 1))
+            ++found;
+        return found;
+    }
+
+private:
+    std::optional<ScopedEnvironment> m_environment;
+    StderrCapture m_capture;
+};
 
 MenuItem menuItem(const std::string& title, const std::string& action = {})
 {
@@ -203,34 +249,113 @@ TEST_F(StatusNotifierItemTest, ExportsTheMenuAndItsQuitItemIsAQuitRequestOnTheMa
     EXPECT_EQ(actions, (std::vector<std::string> { "hide", "quit" }));
     EXPECT_EQ(offMainThread, 0);
 
-    // From another thread, the menu changes once the main loop runs.
-    std::thread([&] { item->setMenu(defaultMenu()); }).join();
+    // Another menu replaces it.
+    item->setMenu(defaultMenu());
     ASSERT_TRUE(waitUntil([&] { return watcher.menuLayout().children.size() == 1; }));
     EXPECT_EQ(watcher.menuLayout().children[0].label, "Quit %@");
 }
 
-TEST_F(StatusNotifierItemTest, AnswersWhileTheMainThreadIsBlocked)
+TEST_F(StatusNotifierItemTest, ABurstOfTilesInOneTurnIsAnnouncedOnceWithTheLatestTile)
 {
     makeRegisteredItem();
-    item->setMenu(defaultMenu());
-    item->setToolTip("Getting Office ready…");
-    // The main thread waits here without running its loop, as start-up does.
-    auto asked = std::async(std::launch::async, [&] {
-        return std::make_pair(watcher.toolTipText(), watcher.menuLayout().children.at(0).label);
-    });
-    ASSERT_EQ(asked.wait_for(5s), std::future_status::ready);
-    EXPECT_EQ(asked.get(), std::make_pair(std::string("Getting Office ready…"), std::string("Quit %@")));
+    const Rgba red { 255, 0, 0, 255 }, green { 0, 255, 0, 255 }, blue { 0, 0, 255, 255 };
+    unsigned newIcons = watcher.signalCount("NewIcon");
+    unsigned newToolTips = watcher.signalCount("NewToolTip");
+    item->setIcon(*solidImage(128, red));
+    item->setIcon(*solidImage(128, green));
+    item->setIcon(*solidImage(128, blue));
+    ASSERT_TRUE(watcher.waitForSignal("NewIcon", newIcons + 1));
+    EXPECT_EQ(iconCorner(watcher), blue);
+    // NewToolTip leaves at once, after any NewIcon of the burst: when it has
+    // arrived, so has every NewIcon there was.
+    item->setToolTip("Notepad");
+    ASSERT_TRUE(watcher.waitForSignal("NewToolTip", newToolTips + 1));
+    EXPECT_EQ(watcher.signalCount("NewIcon"), newIcons + 1);
+
+    // A tile in a later turn is announced again.
+    item->setIcon(*solidImage(128, red));
+    ASSERT_TRUE(watcher.waitForSignal("NewIcon", newIcons + 2));
+    EXPECT_EQ(iconCorner(watcher), red);
 }
 
-TEST_F(StatusNotifierItemTest, LeavesTheBusWhenDestroyed)
+TEST_F(StatusNotifierItemTest, AWatcherThatDropsTheItemGetsItAgainAFewTimes)
 {
+    DebugLog log;
+    makeRegisteredItem();
+    const std::string name = item->busName();
+    watcher.dropItem(name);
+    ASSERT_TRUE(watcher.waitForRegistrations(2));
+    EXPECT_EQ(watcher.registeredItems(), std::vector<std::string> { name });
+
+    // Named by the connection's unique name and the object's path, as some
+    // watchers name an item.
+    GPtr<GDBusConnection> session = adopt(g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, nullptr));
+    std::string uniqueName = g_dbus_connection_get_unique_name(session.get());
+    session.reset();
+    watcher.dropItem(uniqueName + kStatusNotifierItemPath);
+    ASSERT_TRUE(watcher.waitForRegistrations(3));
+
+    // Another item, or another object on our connection, is not ours to
+    // register. The item takes signals and calls in the order they were
+    // sent: once it has answered, it has heard both drops.
+    size_t again = log.count("registering it again");
+    watcher.dropItem("org.kde.StatusNotifierItem-1-1");
+    watcher.dropItem(uniqueName + "/org/ayatana/NotificationItem/other");
+    EXPECT_EQ(watcher.stringProperty("Id"), "com.example.Notepad");
+    EXPECT_EQ(log.count("registering it again"), again);
+
+    for (unsigned registrations = 4; registrations <= 6; ++registrations) {
+        watcher.dropItem(name);
+        ASSERT_TRUE(watcher.waitForRegistrations(registrations));
+    }
+    // The sixth drop is taken as the watcher's last word.
+    watcher.dropItem(name);
+    ASSERT_TRUE(log.waitForLine("not registering it any more"));
+    EXPECT_EQ(watcher.registrationCount(), 6u);
+    EXPECT_EQ(log.count("registering it again"), 5u);
+
+    // A watcher that appears afresh is given the item, and a few more tries.
+    watcher.stop();
+    watcher.start();
+    ASSERT_EQ(watcher.waitForRegistration(), name);
+    watcher.dropItem(name);
+    ASSERT_TRUE(watcher.waitForRegistrations(2));
+}
+
+TEST_F(StatusNotifierItemTest, DescribesItsIconAndKeepsTheActivationTokenForTheNextActivation)
+{
+    makeRegisteredItem();
+    EXPECT_EQ(watcher.stringProperty("IconAccessibleDesc"), "Notepad");
+    EXPECT_EQ(watcher.stringProperty("AttentionAccessibleDesc"), "");
+    EXPECT_EQ(item->takeActivationToken(), "");
+
+    // A host hands a token over just before activating; the last one counts.
+    watcher.provideXdgActivationToken("stale");
+    watcher.provideXdgActivationToken("token-2");
+    watcher.activate(10, 10);
+    ASSERT_TRUE(waitUntil([&] { return activations == 1; }));
+    EXPECT_EQ(offMainThread, 0);
+    EXPECT_EQ(item->takeActivationToken(), "token-2");
+    EXPECT_EQ(item->takeActivationToken(), "");
+}
+
+TEST_F(StatusNotifierItemTest, LeavesTheBusWhenDestroyedWithWorkPending)
+{
+    DebugLog log;
     makeRegisteredItem();
     item->setMenu(defaultMenu());
     std::string name = item->busName();
+    // Gone with a registration to repeat and a NewIcon to send: neither
+    // reaches the destroyed item.
+    watcher.dropItem(name);
+    ASSERT_TRUE(log.waitForLine("registering it again"));
+    unsigned newIcons = watcher.signalCount("NewIcon");
+    item->setIcon(*solidImage(128, { 1, 2, 3, 255 }));
     GDBusConnection* connection = g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, nullptr);
     g_object_add_weak_pointer(G_OBJECT(connection), reinterpret_cast<gpointer*>(&connection));
     g_object_unref(connection);
 
+    size_t registrations = log.count("registering the status icon ");
     item.reset();
     EXPECT_FALSE(bus.hasOwner(name));
     EXPECT_THROW(watcher.toolTipText(), std::runtime_error);
@@ -241,5 +366,7 @@ TEST_F(StatusNotifierItemTest, LeavesTheBusWhenDestroyed)
 
     // The object and the menu are free for a new item.
     makeItem();
-    EXPECT_TRUE(waitUntil([&] { return watcher.registeredItems().size() == 2; }));
+    EXPECT_TRUE(waitUntil([&] { return watcher.registeredItems().size() == 1; }));
+    EXPECT_EQ(log.count("registering the status icon "), registrations + 1);
+    EXPECT_EQ(watcher.signalCount("NewIcon"), newIcons);
 }

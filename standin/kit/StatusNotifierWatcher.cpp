@@ -5,23 +5,30 @@
 #include <stdexcept>
 #include <thread>
 
+#include "base/MainLoop.hpp"
 #include "base/posix_glue.hpp"
 #include "shell/StatusNotifierItem.hpp"
+#include "standin/kit/TestSupport.hpp"
 
 namespace vt::test {
 
 namespace {
     const char* const kItemInterface = "org.kde.StatusNotifierItem";
     const char* const kMenuInterface = "com.canonical.dbusmenu";
+    const char* const kWatcherPath = "/StatusNotifierWatcher";
+    const char* const kWatcherInterface = "org.kde.StatusNotifierWatcher";
 
-    // Only what an item calls: nothing in the launcher reads the watcher's
-    // properties or listens for its signals.
+    // Only what an item calls or listens for: nothing in the launcher reads
+    // the watcher's properties.
     const char* const introspectionXml = R"xml(
 <node>
   <interface name="org.kde.StatusNotifierWatcher">
     <method name="RegisterStatusNotifierItem">
       <arg name="service" type="s" direction="in"/>
     </method>
+    <signal name="StatusNotifierItemUnregistered">
+      <arg name="service" type="s"/>
+    </signal>
   </interface>
 </node>)xml";
 
@@ -125,7 +132,7 @@ private:
         static const GDBusInterfaceVTable vtable = { onMethodCall, nullptr, nullptr, { nullptr } };
         GErrorHolder error;
         m_object = DBusObjectRegistration(addRef(m_connection.get()),
-                                          g_dbus_connection_register_object(m_connection.get(), "/StatusNotifierWatcher",
+                                          g_dbus_connection_register_object(m_connection.get(), kWatcherPath,
                                                                             watcherInterfaceInfo(), &vtable, this,
                                                                             nullptr, error));
         if (!m_object) {
@@ -225,6 +232,7 @@ void StatusNotifierWatcher::start()
     {
         std::lock_guard lock(m_mutex);
         m_registered.clear();
+        m_registrations = 0;
     }
     m_run = std::make_unique<Run>(*this, m_busAddress);
 }
@@ -236,9 +244,11 @@ void StatusNotifierWatcher::registered(const std::string& service)
     {
         std::lock_guard lock(m_mutex);
         m_registered.push_back(service);
+        ++m_registrations;
         m_item = service;
     }
     m_changed.notify_all();
+    g_main_context_wakeup(nullptr);
 }
 
 void StatusNotifierWatcher::signalSeen(const std::string& name)
@@ -248,13 +258,26 @@ void StatusNotifierWatcher::signalSeen(const std::string& name)
         ++m_signals[name];
     }
     m_changed.notify_all();
+    g_main_context_wakeup(nullptr);
+}
+
+bool StatusNotifierWatcher::waitFor(const std::function<bool()>& done, std::chrono::milliseconds timeout)
+{
+    if (isMainThread()) {
+        return waitUntil([&] {
+            std::lock_guard lock(m_mutex);
+            return done();
+        }, timeout);
+    }
+    std::unique_lock lock(m_mutex);
+    return m_changed.wait_for(lock, timeout, done);
 }
 
 std::optional<std::string> StatusNotifierWatcher::waitForRegistration(std::chrono::milliseconds timeout)
 {
-    std::unique_lock lock(m_mutex);
-    if (!m_changed.wait_for(lock, timeout, [this] { return !m_registered.empty(); }))
+    if (!waitFor([this] { return !m_registered.empty(); }, timeout))
         return std::nullopt;
+    std::lock_guard lock(m_mutex);
     return m_registered.front();
 }
 
@@ -262,6 +285,31 @@ std::vector<std::string> StatusNotifierWatcher::registeredItems() const
 {
     std::lock_guard lock(m_mutex);
     return m_registered;
+}
+
+unsigned StatusNotifierWatcher::registrationCount() const
+{
+    std::lock_guard lock(m_mutex);
+    return m_registrations;
+}
+
+bool StatusNotifierWatcher::waitForRegistrations(unsigned count, std::chrono::milliseconds timeout)
+{
+    return waitFor([&] { return m_registrations >= count; }, timeout);
+}
+
+void StatusNotifierWatcher::dropItem(const std::string& service)
+{
+    if (!m_run)
+        throw std::runtime_error("stand-in watcher: stopped");
+    {
+        std::lock_guard lock(m_mutex);
+        std::erase(m_registered, service);
+    }
+    GErrorHolder error;
+    if (!g_dbus_connection_emit_signal(m_run->connection(), nullptr, kWatcherPath, kWatcherInterface,
+                                       "StatusNotifierItemUnregistered", g_variant_new("(s)", service.c_str()), error))
+        throw std::runtime_error(std::string("stand-in watcher: ") + error.message());
 }
 
 unsigned StatusNotifierWatcher::signalCount(const std::string& name) const
@@ -273,8 +321,7 @@ unsigned StatusNotifierWatcher::signalCount(const std::string& name) const
 
 bool StatusNotifierWatcher::waitForSignal(const std::string& name, unsigned count, std::chrono::milliseconds timeout)
 {
-    std::unique_lock lock(m_mutex);
-    return m_changed.wait_for(lock, timeout, [&] { return m_signals[name] >= count; });
+    return waitFor([&] { return m_signals[name] >= count; }, timeout);
 }
 
 GPtr<GVariant> StatusNotifierWatcher::callItem(const char* path, const char* interface, const char* method,
@@ -291,13 +338,33 @@ GPtr<GVariant> StatusNotifierWatcher::callItem(const char* path, const char* int
     }
     if (item.empty())
         throw std::runtime_error("stand-in watcher: no item has registered");
-    GErrorHolder error;
-    GPtr<GVariant> reply = adopt(g_dbus_connection_call_sync(m_run->connection(), item.c_str(), path, interface, method,
-                                                             arguments.get(), replyType, G_DBUS_CALL_FLAGS_NO_AUTO_START,
-                                                             5000, nullptr, error));
-    if (!reply)
-        throw std::runtime_error(std::string("stand-in watcher: ") + method + ": " + error.message());
-    return reply;
+    struct Answer {
+        bool arrived = false;
+        GPtr<GVariant> reply;
+        GErrorHolder error;
+    } answer;
+    if (isMainThread()) {
+        // The reply comes through the main loop, which runs meanwhile; the
+        // call's time-out guarantees it comes.
+        g_dbus_connection_call(m_run->connection(), item.c_str(), path, interface, method, arguments.get(), replyType,
+                               G_DBUS_CALL_FLAGS_NO_AUTO_START, 5000, nullptr,
+                               +[](GObject* source, GAsyncResult* result, gpointer data) noexcept {
+                                   auto* answer = static_cast<Answer*>(data);
+                                   answer->reply = adopt(g_dbus_connection_call_finish(G_DBUS_CONNECTION(source),
+                                                                                       result, answer->error));
+                                   answer->arrived = true;
+                               },
+                               &answer);
+        while (!answer.arrived)
+            g_main_context_iteration(nullptr, TRUE);
+    } else {
+        answer.reply = adopt(g_dbus_connection_call_sync(m_run->connection(), item.c_str(), path, interface, method,
+                                                         arguments.get(), replyType, G_DBUS_CALL_FLAGS_NO_AUTO_START,
+                                                         5000, nullptr, answer.error));
+    }
+    if (!answer.reply)
+        throw std::runtime_error(std::string("stand-in watcher: ") + method + ": " + answer.error.message());
+    return std::move(answer.reply);
 }
 
 GPtr<GVariant> StatusNotifierWatcher::property(const std::string& name)
@@ -361,6 +428,12 @@ std::string StatusNotifierWatcher::toolTipText()
 void StatusNotifierWatcher::activate(int x, int y)
 {
     callItem(kStatusNotifierItemPath, kItemInterface, "Activate", g_variant_new("(ii)", x, y), G_VARIANT_TYPE("()"));
+}
+
+void StatusNotifierWatcher::provideXdgActivationToken(const std::string& token)
+{
+    callItem(kStatusNotifierItemPath, kItemInterface, "ProvideXdgActivationToken", g_variant_new("(s)", token.c_str()),
+             G_VARIANT_TYPE("()"));
 }
 
 StatusMenuEntry StatusNotifierWatcher::menuLayout()

@@ -5,8 +5,9 @@
 // reads its menu (com.canonical.dbusmenu) and clicks in it.
 //
 // It has its own connection and serves it from its own thread, so it answers
-// whether or not the test runs the main loop, and a test can block the main
-// thread while it asks the item something.
+// whether or not the test runs the main loop. Called on the main thread, its
+// waits and the host's calls run the main loop until they are done, since
+// the item under test may be served by that very loop.
 //
 //   PrivateBus bus;
 //   StatusNotifierWatcher watcher(bus.address());   // owns the name when this returns
@@ -19,6 +20,8 @@
 //   watcher.clickMenuItem("Quit Notepad");           // menuAction("quit") on the main loop
 //   watcher.stop(); watcher.start();                 // a desktop that restarts
 //   ASSERT_EQ(watcher.waitForRegistration(), item.busName());
+//   watcher.dropItem(item.busName());                // StatusNotifierItemUnregistered
+//   ASSERT_TRUE(watcher.waitForRegistrations(2));
 //
 // The host's calls are synchronous and throw std::runtime_error when the
 // watcher is stopped, no item has registered, or the item does not answer.
@@ -26,6 +29,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -67,8 +71,15 @@ public:
     // The first item registered since the last start, once there is one;
     // nothing after `timeout`.
     std::optional<std::string> waitForRegistration(std::chrono::milliseconds timeout = std::chrono::seconds(10));
-    // Every item registered since the last start.
+    // Every item registered since the last start, less those dropped.
     std::vector<std::string> registeredItems() const;
+    // RegisterStatusNotifierItem calls since the last start, repeats and
+    // dropped items included; waits until there have been `count`.
+    unsigned registrationCount() const;
+    bool waitForRegistrations(unsigned count, std::chrono::milliseconds timeout = std::chrono::seconds(10));
+    // Forgets `service` and says so with StatusNotifierItemUnregistered, as
+    // a desktop's watcher does when it loses track of an item.
+    void dropItem(const std::string& service);
 
     // The host's side, with the item registered last.
     GPtr<GVariant> property(const std::string& name);
@@ -83,6 +94,7 @@ public:
     bool waitForSignal(const std::string& name, unsigned count,
                        std::chrono::milliseconds timeout = std::chrono::seconds(10));
     void activate(int x, int y);
+    void provideXdgActivationToken(const std::string& token);
     // The item's whole menu; the root is the entry with id 0.
     StatusMenuEntry menuLayout();
     // Sends "clicked" for the entry labelled `label`.
@@ -95,6 +107,8 @@ private:
                             const GVariantType* replyType);
     void registered(const std::string& service);
     void signalSeen(const std::string& name);
+    // Waits until `done` (called with m_mutex held) holds.
+    bool waitFor(const std::function<bool()>& done, std::chrono::milliseconds timeout);
 
     const std::string m_busAddress;
     std::unique_ptr<Run> m_run;
@@ -102,6 +116,7 @@ private:
     mutable std::mutex m_mutex;
     std::condition_variable m_changed;
     std::vector<std::string> m_registered; // this run
+    unsigned m_registrations = 0;          // this run
     std::string m_item;                    // the last registered, in any run
     std::map<std::string, unsigned> m_signals;
 };
