@@ -4,12 +4,15 @@
 #include <cmath>
 #include <cstring>
 #include <filesystem>
+#include <string_view>
 
 #include "base/PlatformLog.hpp"
 #include "base/VTLog.hpp"
 #include "source/VTBundle.hpp"
 
 namespace vt {
+
+VT_GOBJECT_TRAITS(GdkPixbufLoader)
 
 namespace {
 
@@ -109,6 +112,99 @@ namespace {
         return std::nullopt;
     }
 
+    constexpr std::string_view kPngSignature = "\x89PNG\r\n\x1a\n";
+
+    // gdk-pixbuf's name for the image format of an icon file: its extension,
+    // else its first bytes. Told explicitly, gdk-pixbuf reads the file
+    // without guessing its type from the shared MIME database, which a
+    // desktop session may lack. Empty for anything else.
+    std::string iconFormat(const std::filesystem::path& path, std::string_view contents)
+    {
+        std::string extension = path.extension();
+        if (g_ascii_strcasecmp(extension.c_str(), ".png") == 0)
+            return "png";
+        if (g_ascii_strcasecmp(extension.c_str(), ".icns") == 0)
+            return "icns";
+        if (contents.starts_with(kPngSignature))
+            return "png";
+        if (contents.starts_with("icns"))
+            return "icns";
+        return {};
+    }
+
+    uint32_t bigEndian32(std::string_view bytes, size_t offset)
+    {
+        auto byte = [&](size_t i) { return uint32_t(static_cast<unsigned char>(bytes[offset + i])); };
+        return byte(0) << 24 | byte(1) << 16 | byte(2) << 8 | byte(3);
+    }
+
+    // The PNG entry of an .icns file that suits the tile best: the smallest
+    // at least as wide as the tile, else the widest. gdk-pixbuf's own .icns
+    // reader guesses the type of these entries from the MIME database, so
+    // they are read here as what they are; an .icns without any (older
+    // formats only) is left to that reader. Empty when there is none.
+    std::string_view bestPngInIcns(std::string_view file)
+    {
+        if (file.size() < 8 || !file.starts_with("icns"))
+            return {};
+        const size_t end = std::min<size_t>(file.size(), bigEndian32(file, 4));
+        std::string_view best;
+        uint32_t bestWidth = 0;
+        // Each entry: its type, its length with this header, its data.
+        for (size_t at = 8; end >= 8 && at <= end - 8;) {
+            const uint32_t length = bigEndian32(file, at + 4);
+            if (length < 8 || length > end - at)
+                break;
+            std::string_view data = file.substr(at + 8, length - 8);
+            // The width is the first field of the PNG's IHDR chunk.
+            if (data.size() >= 24 && data.starts_with(kPngSignature) && data.substr(12, 4) == "IHDR") {
+                const uint32_t width = bigEndian32(data, 16), tile = kTileSize;
+                const bool better
+                    = best.empty() || (bestWidth < tile ? width > bestWidth : width >= tile && width < bestWidth);
+                if (better)
+                    best = data, bestWidth = width;
+            }
+            at += length;
+        }
+        return best;
+    }
+
+    // `bytes`, an image in gdk-pixbuf's `format`, at tile size.
+    GPtr<GdkPixbuf> decodeImage(const char* format, std::string_view bytes, GErrorHolder& error)
+    {
+        GPtr<GdkPixbufLoader> loader = adopt(gdk_pixbuf_loader_new_with_type(format, error));
+        if (!loader)
+            return nullptr;
+        gdk_pixbuf_loader_set_size(loader.get(), kTileSize, kTileSize);
+        bool written = gdk_pixbuf_loader_write(loader.get(), reinterpret_cast<const guchar*>(bytes.data()),
+                                               bytes.size(), error);
+        // Closed in any case: a loader must be closed before it goes.
+        bool closed = gdk_pixbuf_loader_close(loader.get(), written ? static_cast<GError**>(error) : nullptr);
+        if (!written || !closed)
+            return nullptr;
+        return addRef(gdk_pixbuf_loader_get_pixbuf(loader.get()));
+    }
+
+    // The icon file at `path`, at tile size; nothing, with `error` set, when it cannot be read.
+    GPtr<GdkPixbuf> readIconFile(const std::filesystem::path& path, GErrorHolder& error)
+    {
+        gchar* bytes = nullptr;
+        gsize length = 0;
+        if (!g_file_get_contents(path.c_str(), &bytes, &length, error))
+            return nullptr;
+        const std::string contents(bytes, length);
+        g_free(bytes);
+        const std::string format = iconFormat(path, contents);
+        // Another format, named some other way: gdk-pixbuf may still know it.
+        if (format.empty())
+            return adopt(gdk_pixbuf_new_from_file_at_scale(path.c_str(), kTileSize, kTileSize, FALSE, error));
+        if (format == "icns") {
+            if (std::string_view png = bestPngInIcns(contents); !png.empty())
+                return decodeImage("png", png, error);
+        }
+        return decodeImage(format.c_str(), contents, error);
+    }
+
 } // namespace
 
 GPtr<GdkPixbuf> genericApplicationIcon()
@@ -179,7 +275,7 @@ GPtr<GdkPixbuf> applicationIcon(const VTBundle* bundle)
         return genericApplicationIcon();
     }
     GErrorHolder error;
-    auto icon = adopt(gdk_pixbuf_new_from_file_at_scale(path->c_str(), kTileSize, kTileSize, FALSE, error));
+    auto icon = readIconFile(*path, error);
     if (!icon) {
         platformLog("The icon %@ cannot be read (%s); the tile shows the generic application icon.", *path,
                     error.message());

@@ -245,3 +245,57 @@ TEST(TrayBaseIcon, IsTheGenericIconWhenTheBundlesCannotBeHad)
     EXPECT_TRUE(gdk_pixbuf_get_has_alpha(tile.get()));
     EXPECT_EQ(at(tile.get(), 127, 127), opaque(0x336699));
 }
+
+// gdk-pixbuf guesses an image's type from the shared MIME database unless it
+// is told the type, and a desktop session may have no such database. GLib
+// reads the database once per process, so the icons are read in a fresh one
+// (a death test run anew from the start), with the data folders empty.
+TEST(TrayBaseIcon, IsReadByItsOwnTypeWithoutTheSharedMimeDatabase)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    test::TempDir dir;
+    std::filesystem::create_directories(dir / "data");
+    test::ScopedEnvironment environment;
+    environment.set("XDG_DATA_DIRS", (dir / "data").string());
+    environment.set("XDG_DATA_HOME", (dir / "data").string());
+
+    auto bigEndian = [](size_t value) {
+        return std::string { char(value >> 24), char(value >> 16), char(value >> 8), char(value) };
+    };
+    // Of the PNG entries of an .icns, the smallest that covers the tile.
+    std::string entries;
+    for (auto [type, size, colour] : { std::tuple { "icp5", 32, 0xFF0000FFu }, { "ic09", 512, 0x0000FFFFu },
+                                       { "ic07", 128, 0xC0402080u }, { "ic08", 256, 0x00FF00FFu } }) {
+        std::string picture = png(size, colour);
+        entries += type + bigEndian(8 + picture.size()) + picture;
+    }
+    const std::string icns = "icns" + bigEndian(8 + entries.size()) + entries;
+    struct Case {
+        std::string file, contents;
+        Rgba pixel;
+    };
+    const Case cases[] = {
+        { "Notepad.png", png(64, 0x2060A0FF), opaque(0x2060A0) },
+        { "Notepad.icns", icns, { 0xC0, 0x40, 0x20, 0x80 } },
+        { "Notepad", png(64, 0x30C050FF), opaque(0x30C050) }, // the name as given: told by its first bytes
+    };
+    EXPECT_EXIT(
+        {
+            int wrong = 0;
+            for (const Case& c : cases) {
+                test::TempDir bundles;
+                auto bundle = bundleWithIcon(bundles, "Notepad");
+                test::writeFile(bundle / "Contents/Resources" / c.file, c.contents);
+                auto icon = applicationIcon(VTBundle::bundleWithPath(bundle).get());
+                if (at(icon.get(), 64, 64) != c.pixel) {
+                    std::fprintf(stderr, "%s was not read\n", c.file.c_str());
+                    ++wrong;
+                }
+            }
+            // This process ends here, before any destructor runs.
+            std::filesystem::remove_all(dir.path());
+            std::fflush(stderr);
+            std::_Exit(wrong);
+        },
+        ::testing::ExitedWithCode(0), "");
+}
