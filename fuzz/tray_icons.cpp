@@ -152,7 +152,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             decodeAndCheck(record, layout);
             continue;
         }
+        // Painted at the end of the main loop's turn; this one has no loop.
         list.updateBadges();
+        list.flushPendingRepaint();
         VT_FUZZ_CHECK(tiles == ++painted);
 
         const auto& icons = list.iconList();

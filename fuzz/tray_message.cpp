@@ -1,8 +1,8 @@
-// The tray message reader, LaunchNotifySocket::checkNotificationSocket: the
-// input is what one sender writes on one connection to the real socket,
-// read by the 64-bit and then by the 32-bit layout. A receiver records what
-// the reader hands to the main thread and passes it on to a fresh icon
-// list, so the decoding and the painting run too.
+// The tray message reader, LaunchNotifySocket on the main loop: the input
+// is what one sender writes on one connection to the real socket, read by
+// the 64-bit and then by the 32-bit layout. A receiver records what the
+// reader applies and passes it on to a fresh icon list, so the decoding and
+// the painting run too.
 //
 // A model of the message, written from its description, says what must
 // arrive: nothing for a wrong code or a payload beyond the limit, otherwise
@@ -72,6 +72,7 @@ struct Endpoint {
     explicit Endpoint(const TrayLayout& layout) : socket(recorder, layout)
     {
         VT_FUZZ_CHECK(socket.startLaunchNotify(fuzz::privateDirectory()));
+        socket.monitorFeedbackSocket();
     }
     Recorder recorder;
     LaunchNotifySocket socket;
@@ -104,7 +105,8 @@ std::vector<Received> model(std::string_view message, const TrayLayout& layout)
     return expected;
 }
 
-void send(const std::string& path, std::string_view message)
+// The sender's end, its message written whole and its writing side shut.
+Fd send(const std::string& path, std::string_view message)
 {
     sockaddr_un address {};
     address.sun_family = AF_UNIX;
@@ -115,6 +117,17 @@ void send(const std::string& path, std::string_view message)
     VT_FUZZ_CHECK(::connect(sender.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0);
     VT_FUZZ_CHECK(writeAll(sender.get(), message.data(), message.size(), true));
     VT_FUZZ_CHECK(::shutdown(sender.get(), SHUT_WR) == 0);
+    return sender;
+}
+
+// Whether the launcher has closed its end: an end of stream, or a reset
+// when it left part of what was sent unread.
+bool closedByLauncher(const Fd& sender)
+{
+    char byte;
+    ssize_t count = ::recv(sender.get(), &byte, 1, MSG_DONTWAIT);
+    VT_FUZZ_CHECK(count <= 0);
+    return count == 0 || (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR);
 }
 
 void readAs(Endpoint& endpoint, const TrayLayout& layout, std::string_view message, GdkPixbuf* baseIcon)
@@ -127,10 +140,12 @@ void readAs(Endpoint& endpoint, const TrayLayout& layout, std::string_view messa
     endpoint.recorder.list = &list;
     endpoint.recorder.received.clear();
 
-    send(endpoint.socket.launchNotifySocketName(), message);
-    // The connection is waiting already: no time needs to pass.
-    VT_FUZZ_CHECK(endpoint.socket.checkNotificationSocket({ 0, 0 }));
-    // What was read takes effect on the main thread, which this is.
+    Fd sender = send(endpoint.socket.launchNotifySocketName(), message);
+    // Everything is there already: the accept, the read, the closing and
+    // the message's effect follow without any time passing.
+    while (!closedByLauncher(sender))
+        g_main_context_iteration(nullptr, TRUE);
+    // Then the repaint, at the end of the turn.
     while (g_main_context_iteration(nullptr, FALSE)) {
     }
     VT_FUZZ_CHECK(endpoint.recorder.received == model(message, layout));

@@ -397,6 +397,23 @@ GPtr<GdkPixbuf> TrayIconList::paintTile() const
 
 void TrayIconList::updateBadges()
 {
+    if (m_repaint.isActive())
+        return;
+    // Below the sockets' sources: every message that is there already is
+    // taken before the tile is painted, where a toolkit paints too.
+    GPtr<GSource> idle = adopt(g_idle_source_new());
+    g_source_set_priority(idle.get(), G_PRIORITY_HIGH_IDLE + 20);
+    m_repaint = OwnedSource(std::move(idle), "vt tray repaint", [this] {
+        flushPendingRepaint();
+        return false;
+    });
+}
+
+void TrayIconList::flushPendingRepaint()
+{
+    if (!m_repaint.isActive())
+        return;
+    m_repaint.stop();
     auto tile = paintTile();
     if (m_showTile)
         m_showTile(*tile);

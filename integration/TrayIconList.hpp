@@ -1,13 +1,16 @@
 // The Windows program's tray icons and the tile they are painted on: the
 // list changes with each add, modify and delete message, and after each
-// message the tile is painted again, the badges hanging from its top edge
-// over the launcher's own icon. Main thread only.
+// message the tile is to be painted again, the badges hanging from its top
+// edge over the launcher's own icon. The painting waits for the end of the
+// main loop's turn, so a burst of messages costs one painting of the list
+// as it ends up. Main thread only.
 #pragma once
 
 #include <functional>
 #include <optional>
 #include <vector>
 
+#include "base/MainLoop.hpp"
 #include "integration/LaunchNotifySocket.hpp"
 #include "integration/TrayIconEntry.hpp"
 #include "integration/TrayLayout.hpp"
@@ -51,8 +54,13 @@ public:
     void addIconWithData(std::vector<uint8_t>& record) override;
     void modifyIconWithData(std::vector<uint8_t>& record) override;
     void deleteIconWithData(std::vector<uint8_t>& record) override;
-    // Paints the tile from the base icon and the list and shows it.
+    // Has the tile painted from the base icon and the list, and shown,
+    // once the main loop has nothing more urgent to do (the sockets'
+    // messages are): a later call before then adds nothing.
     void updateBadges() override;
+    // Paints and shows now a tile that updateBadges() asked for, if any.
+    void flushPendingRepaint();
+    bool repaintPending() const { return m_repaint.isActive(); }
 
     // The tile as painted now (not shown).
     GPtr<GdkPixbuf> paintTile() const;
@@ -67,6 +75,7 @@ private:
     std::function<void(const GdkPixbuf&)> m_showTile;
     const TrayLayout& m_layout;
     std::vector<TrayIconEntry> m_iconList;
+    OwnedSource m_repaint;
 };
 
 } // namespace vt

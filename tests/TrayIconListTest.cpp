@@ -12,6 +12,7 @@
 #include "standin/tray/TrayRecord.hpp"
 
 using namespace vt;
+using namespace std::chrono_literals;
 using standin::solidPicture;
 using standin::trayRecord;
 
@@ -298,4 +299,45 @@ TEST(TrayBaseIcon, IsReadByItsOwnTypeWithoutTheSharedMimeDatabase)
             std::_Exit(wrong);
         },
         ::testing::ExitedWithCode(0), "");
+}
+
+TEST(TrayIconList, ABurstOfTrayMessagesIsPaintedOnceWithTheLatestList)
+{
+    test::TempDir dir;
+    auto base = patternedBase();
+    std::vector<GPtr<GdkPixbuf>> shown;
+    TrayIconList list(addRef(base.get()), [&](const GdkPixbuf& tile) { shown.push_back(adopt(gdk_pixbuf_copy(&tile))); });
+    LaunchNotifySocket socket(list);
+    ASSERT_TRUE(socket.startLaunchNotify(dir.path()));
+
+    // Five senders (what the backlog holds while nobody accepts) have
+    // written whole messages before the loop runs; one turn reads them all.
+    const uint32_t colours[] = { 0xFF0000, 0x00FF00, 0x0000FF, 0xFFFF00, 0x00FFFF };
+    for (int32_t id = 0; id < 5; ++id)
+        ASSERT_TRUE(standin::sendTrayBytes(
+            socket.launchNotifySocketName(),
+            standin::trayMessage(kNativeTrayLayout, kTrayOperationAdd,
+                                 record(kNativeTrayLayout, 7, id, 0, colours[id]))));
+    socket.monitorFeedbackSocket();
+    ASSERT_TRUE(test::waitUntil([&] { return !shown.empty(); }));
+    EXPECT_EQ(list.iconList().size(), 5u);
+    const auto settled = std::chrono::steady_clock::now() + 200ms;
+    test::waitUntil([&] { return std::chrono::steady_clock::now() >= settled; });
+    ASSERT_EQ(shown.size(), 1u) << "one painting for the whole burst";
+    expectTile(shown[0].get(), base.get(),
+               { { 1, 1, 32, 32, colours[0] }, { 35, 1, 32, 32, colours[1] }, { 69, 1, 32, 32, colours[2] },
+                 { 1, 33, 32, 32, colours[3] }, { 35, 33, 32, 32, colours[4] } });
+
+    // Asked for without a loop turn, the painting can be had at once, once.
+    auto removed = record(kNativeTrayLayout, 7, 4, 0, 0);
+    list.deleteIconWithData(removed);
+    list.updateBadges();
+    list.updateBadges();
+    EXPECT_EQ(shown.size(), 1u);
+    list.flushPendingRepaint();
+    ASSERT_EQ(shown.size(), 2u);
+    EXPECT_FALSE(list.repaintPending());
+    expectTile(shown[1].get(), base.get(),
+               { { 1, 1, 32, 32, colours[0] }, { 35, 1, 32, 32, colours[1] }, { 69, 1, 32, 32, colours[2] },
+                 { 1, 33, 32, 32, colours[3] } });
 }
