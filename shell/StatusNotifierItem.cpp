@@ -253,8 +253,9 @@ StatusNotifierItem::Service::Service(std::string id, std::string title, const Gd
     // everybody's sources from inside the constructor. Hosts find the item
     // by its name, so the name is asked for once the menu is out.
     m_menuServer = adopt(dbusmenu_server_new(kStatusNotifierMenuPath));
-    m_menuExport = SignalConnection(m_menuServer.get(), g_signal_connect(m_menuServer.get(), DBUSMENU_SERVER_SIGNAL_LAYOUT_UPDATED,
-                                                                         G_CALLBACK(onMenuExported), this));
+    m_menuExport = SignalConnection(m_menuServer.get(),
+                                    g_signal_connect(m_menuServer.get(), DBUSMENU_SERVER_SIGNAL_LAYOUT_UPDATED,
+                                                     G_CALLBACK(onMenuExported), this));
     // The name and the watcher: a watcher is only told about an item whose
     // name it can find, so registering waits for both.
     m_watcherWatch = BusNameWatch(g_bus_watch_name_on_connection(m_connection.get(), kStatusNotifierWatcherName,
@@ -288,8 +289,11 @@ StatusNotifierItem::Service::~Service()
 
 void StatusNotifierItem::Service::onMenuExported(DbusmenuServer*, guint, gint, gpointer data) noexcept
 {
-    // The first layout update is the export (libdbusmenu announces the
-    // layout once the menu is on the bus); later ones are the menu's own.
+    // libdbusmenu announces its layout as it puts the menu on the bus, and
+    // that comes first: its other updates wait for an idle turn, while the
+    // bus look-up is answered at once. Were a menu's update ever first, the
+    // name would be asked for a moment early, and the menu's LayoutUpdated
+    // on the bus would still tell a host that had looked too soon.
     auto* self = static_cast<Service*>(data);
     self->m_menuExport.reset();
     self->m_name = BusNameOwnership(g_bus_own_name_on_connection(self->m_connection.get(), self->m_busName.c_str(),

@@ -46,10 +46,11 @@ public:
     //
     // Exported on the session bus at once: the object is there when this
     // returns; its (empty) menu follows from the main loop's first turn (it
-    // is libdbusmenu's to export), then the bus name and the registration. `id` and `title` are the item's Id and Title;
-    // the tooltip is `toolTip`, or else the title, until setToolTip (given
-    // here, no watcher ever sees another first); the pixmap is `icon`
-    // (scaled to 128 x 128 when it has another size) until setIcon. Throws
+    // is libdbusmenu's to export), then the bus name and the registration.
+    // `id` and `title` are the item's Id and Title; the tooltip is
+    // `toolTip`, or else the title, until setToolTip (given here, no watcher
+    // ever sees another first); the pixmap is `icon` (scaled to 128 x 128
+    // when it has another size) until setIcon. Throws
     // std::runtime_error without a session bus or when the object cannot be
     // exported (another item in this process).
     StatusNotifierItem(std::string id, std::string title, const GdkPixbuf& icon, Callbacks callbacks,

@@ -370,3 +370,22 @@ TEST_F(StatusNotifierItemTest, LeavesTheBusWhenDestroyedWithWorkPending)
     EXPECT_EQ(log.count("registering the status icon "), registrations + 1);
     EXPECT_EQ(watcher.signalCount("NewIcon"), newIcons);
 }
+
+TEST_F(StatusNotifierItemTest, GoneBeforeTheMainLoopRanLeavesNothingBehind)
+{
+    // The menu is still waiting for libdbusmenu's bus look-up, and the item
+    // has asked for no name yet.
+    watcher.start();
+    makeItem();
+    std::string name = item->busName();
+    GDBusConnection* connection = g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, nullptr);
+    g_object_add_weak_pointer(G_OBJECT(connection), reinterpret_cast<gpointer*>(&connection));
+    g_object_unref(connection);
+    item.reset();
+
+    EXPECT_TRUE(waitUntil([&] { return connection == nullptr; }, 5s));
+    if (connection)
+        g_object_remove_weak_pointer(G_OBJECT(connection), reinterpret_cast<gpointer*>(&connection));
+    EXPECT_FALSE(bus.hasOwner(name));
+    EXPECT_EQ(watcher.registrationCount(), 0u);
+}
