@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <exception>
 #include <utility>
 
 #include <fcntl.h>
@@ -51,20 +52,37 @@ struct UnixSocketListener::Shared : std::enable_shared_from_this<Shared> {
 
     // Watched while there is room and no retry is due; called after
     // anything that changes either.
-    void updateWatching()
+    void updateWatching() noexcept
     {
         if (accepting)
             return;
         const bool wanted = listening && open < limits.maxOpenConnections && !retry.isActive();
         if (wanted && !watch.isActive()) {
-            watch = OwnedSource(readableSource(listening.get()), name.c_str(),
-                                [weak = weak_from_this()] {
-                                    if (auto self = weak.lock())
-                                        self->acceptAll();
-                                    return true;
-                                });
+            try {
+                watch = OwnedSource(readableSource(listening.get()), name.c_str(), [weak = weak_from_this()] {
+                    if (auto self = weak.lock())
+                        self->acceptAllCatching();
+                    return true;
+                });
+            } catch (const std::exception& error) {
+                // Out of memory: the next connection to close tries again.
+                g_warning("%s: cannot watch the socket: %s", name.c_str(), error.what());
+            }
         } else if (!wanted && watch.isActive()) {
             watch.stop();
+        }
+    }
+
+    // An exception (memory for one connection, or an owner's callback) is
+    // no reason to stop listening: the next turn may fare better.
+    void acceptAllCatching() noexcept
+    {
+        try {
+            acceptAll();
+        } catch (const std::exception& error) {
+            g_warning("%s: accepting failed: %s", name.c_str(), error.what());
+        } catch (...) {
+            g_warning("%s: accepting failed", name.c_str());
         }
     }
 
@@ -74,6 +92,15 @@ struct UnixSocketListener::Shared : std::enable_shared_from_this<Shared> {
     {
         const std::shared_ptr<Shared> keep = shared_from_this();
         accepting = true;
+        // However the loop ends, watching follows what it leaves.
+        struct Done {
+            Shared& shared;
+            ~Done()
+            {
+                shared.accepting = false;
+                shared.updateWatching();
+            }
+        } done { *this };
         while (listening && open < limits.maxOpenConnections) {
             Fd connection(::accept4(listening.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
             if (!connection) {
@@ -108,7 +135,7 @@ struct UnixSocketListener::Shared : std::enable_shared_from_this<Shared> {
                 retry = TimeoutSource(name.c_str(), kAcceptRetryInterval, [weak = weak_from_this()] {
                     if (auto self = weak.lock()) {
                         self->retry.stop();
-                        self->acceptAll();
+                        self->acceptAllCatching();
                     }
                     return false;
                 });
@@ -136,8 +163,6 @@ struct UnixSocketListener::Shared : std::enable_shared_from_this<Shared> {
                 new Connection(weak_from_this(), std::move(connection), *peer, name, deadline));
             handlers.accepted(std::move(accepted));
         }
-        accepting = false;
-        updateWatching();
     }
 
     void shutDown() noexcept
