@@ -207,10 +207,11 @@ TEST(FileManager, MakeWritableReportsOnlyTheFirstFailureAndGoesOn)
     ASSERT_TRUE(WIFEXITED(status));
     EXPECT_EQ(WEXITSTATUS(status), 1); // answered NO
     std::string text = captured.text();
-    size_t first = text.find("-[NSFileManager(VantorAdditions) makeWritableAtPath:recursively:]: "
-                             "Could not change file attributes for ");
+    const std::string failure = "-[NSFileManager(VantorAdditions) makeWritableAtPath:recursively:]: "
+                                "Could not change file attributes for ";
+    size_t first = text.find(failure);
     ASSERT_NE(first, std::string::npos) << text;
-    EXPECT_EQ(text.find("Could not change file attributes", first + 1), std::string::npos) << text;
+    EXPECT_EQ(text.find("Could not change file attributes", first + failure.size()), std::string::npos) << text;
     EXPECT_NE(text.find(": Operation not permitted\n"), std::string::npos) << text;
     EXPECT_EQ(modeOf(tmp / "tree/sub/mine"), 0644u); // the walk went on
 }
