@@ -23,6 +23,8 @@ namespace {
         }
     }
 
+    gboolean dispatchFdSource(gint, GIOCondition, gpointer data) noexcept { return dispatchSource(data); }
+
     void deleteCallback(gpointer data) noexcept { delete static_cast<std::function<bool()>*>(data); }
 } // namespace
 
@@ -30,14 +32,25 @@ bool isMainThread() { return std::this_thread::get_id() == mainThreadId; }
 
 OwnedSource::OwnedSource(GPtr<GSource> source, const char* name, std::function<bool()> callback,
                          GMainContext* context)
+    : OwnedSource(std::move(source), name, std::move(callback), context, dispatchSource)
+{
+}
+
+OwnedSource::OwnedSource(GPtr<GSource> source, const char* name, std::function<bool()> callback,
+                         GMainContext* context, GSourceFunc dispatch)
     : m_source(std::move(source))
 {
     g_source_set_name(m_source.get(), name);
     // GLib keeps the callback data alive until a running dispatch returns,
     // so destroying this object from inside the callback is safe.
-    g_source_set_callback(m_source.get(), dispatchSource, new std::function<bool()>(std::move(callback)),
-                          deleteCallback);
+    g_source_set_callback(m_source.get(), dispatch, new std::function<bool()>(std::move(callback)), deleteCallback);
     g_source_attach(m_source.get(), context);
+}
+
+UnixFdSource::UnixFdSource(const char* name, int fd, std::function<bool()> callback, GMainContext* context)
+    : OwnedSource(adopt(g_unix_fd_source_new(fd, GIOCondition(G_IO_IN | G_IO_HUP | G_IO_ERR))), name,
+                  std::move(callback), context, reinterpret_cast<GSourceFunc>(reinterpret_cast<void*>(dispatchFdSource)))
+{
 }
 
 TimeoutSource::TimeoutSource(const char* name, std::chrono::milliseconds interval,

@@ -26,6 +26,10 @@ public:
     OwnedSource() = default;
     OwnedSource(GPtr<GSource> source, const char* name, std::function<bool()> callback,
                 GMainContext* context = nullptr);
+    // For a source whose callback type is not GSourceFunc: `dispatch` is
+    // called by GLib as that type, with the callback's data last.
+    OwnedSource(GPtr<GSource> source, const char* name, std::function<bool()> callback, GMainContext* context,
+                GSourceFunc dispatch);
     OwnedSource(OwnedSource&&) noexcept = default;
     OwnedSource& operator=(OwnedSource&& other) noexcept;
     ~OwnedSource() { stop(); }
@@ -52,6 +56,14 @@ public:
     UnixSignalSource() = default;
     UnixSignalSource(const char* name, int signalNumber, std::function<bool()> callback,
                      GMainContext* context = nullptr);
+};
+
+// A descriptor that is readable (or hung up, or in error) delivered as a
+// main-loop callback, while it stays attached.
+class UnixFdSource : public OwnedSource {
+public:
+    UnixFdSource() = default;
+    UnixFdSource(const char* name, int fd, std::function<bool()> callback, GMainContext* context = nullptr);
 };
 
 // Delayed calls that belong to the object that scheduled them: all pending

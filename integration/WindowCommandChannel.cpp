@@ -151,11 +151,10 @@ void WindowCommandChannel::sendNext()
         }
         m_inFlight = InFlight { std::move(command), std::move(identifier) };
         int output = m_task->standardOutputReader().get();
-        m_answerWatch = OwnedSource(adopt(g_unix_fd_source_new(output, GIOCondition(G_IO_IN | G_IO_HUP | G_IO_ERR))),
-                                    "vt window-command answer", [this] {
-                                        takeAnswer(false);
-                                        return m_answerWatch.isActive() && m_inFlight.has_value();
-                                    });
+        m_answerWatch = UnixFdSource("vt window-command answer", output, [this] {
+            takeAnswer(false);
+            return m_answerWatch.isActive() && m_inFlight.has_value();
+        });
     }
 }
 

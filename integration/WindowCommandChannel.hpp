@@ -102,7 +102,7 @@ private:
     Observation m_taskEnded;
     std::deque<Command> m_queue;
     std::optional<InFlight> m_inFlight;
-    OwnedSource m_answerWatch;
+    UnixFdSource m_answerWatch;
     DelayedCalls m_answers;
     // Identifies commands; only grows, over the whole process.
     int32_t m_commandID = 0;

@@ -281,7 +281,10 @@ TEST(HostileWindowCommandChannel, AToolThatClosedItsInputIsNotWaitedFor)
     ASSERT_TRUE(waitUntil([&] { return std::filesystem::exists(dir / "closed"); }));
 
     auto sent = Clock::now();
-    EXPECT_FALSE(channel.sendMessageToTaggedWindows("close"));
+    std::optional<bool> answer;
+    channel.sendMessageToTaggedWindows("close", [&](bool confirmed) { answer = confirmed; });
+    ASSERT_TRUE(waitUntil([&] { return answer.has_value(); }));
+    EXPECT_EQ(answer, false);
     EXPECT_LT(Clock::now() - sent, 5s);
     EXPECT_NE(log.text().find("The window-command tool did not take helperDelegateCommand0 (close): Broken pipe.\n"),
               std::string::npos)

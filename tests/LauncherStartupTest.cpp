@@ -99,7 +99,7 @@ TEST(LauncherStartup, WaitsForTheBottleThenGoesOn)
         << w.launcherLog();
 
     launcher.signal(SIGTERM);
-    EXPECT_EQ(launcher.waitForExit(), 0);
+    EXPECT_EQ(launcher.waitForExit(), 0) << w.launcherLog();
 }
 
 TEST(LauncherStartup, QuitSignalEndsItEvenWhileWaitingForTheBottle)
