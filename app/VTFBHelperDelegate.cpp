@@ -266,6 +266,13 @@ WindowsProgram::Environment VTFBHelperDelegate::launcherVariables()
     std::string socketPath = wineLoaderSocketPath();
     if (!socketPath.empty())
         variables["VT_APPRUNNER_ALT_LOADER_SOCKET"] = socketPath;
+    // The desktop's permission to take the focus, given with a click on the
+    // icon: the window the program opens next may come to the front with it.
+    if (m_statusItem) {
+        std::string token = m_statusItem->takeActivationToken();
+        if (!token.empty())
+            variables["XDG_ACTIVATION_TOKEN"] = token;
+    }
     return variables;
 }
 

@@ -193,6 +193,8 @@ void Application::replyToApplicationShouldTerminate(bool shouldTerminate)
 {
     if (!std::exchange(m_awaitingTerminateReply, false))
         return;
+    if (!shouldTerminate)
+        VTLog("quit cancelled");
     if (shouldTerminate) {
         postNotification(ApplicationWillTerminateNotification);
         exitAfterTermination();

@@ -207,6 +207,7 @@ private:
     DBusObjectRegistration m_object;
     GPtr<DbusmenuServer> m_menuServer;
     SignalConnection m_menuExport; // until the menu is on the bus
+    GPtr<DbusmenuMenuitem> m_pendingRoot; // a menu given before that
     std::shared_ptr<MenuClicks> m_menuClicks;
     MainQueueToken m_mainQueue;
 
@@ -282,6 +283,7 @@ StatusNotifierItem::Service::~Service()
     // MenuClicks gone. A server still waiting for its bus look-up is kept
     // alive by it, and exports and unexports itself when it ends.
     m_menuExport.reset();
+    m_pendingRoot.reset();
     m_menuServer.reset();
     m_menuClicks.reset();
     m_connection.reset();
@@ -296,6 +298,8 @@ void StatusNotifierItem::Service::onMenuExported(DbusmenuServer*, guint, gint, g
     // on the bus would still tell a host that had looked too soon.
     auto* self = static_cast<Service*>(data);
     self->m_menuExport.reset();
+    if (GPtr<DbusmenuMenuitem> root = std::move(self->m_pendingRoot))
+        dbusmenu_server_set_root(self->m_menuServer.get(), root.get());
     self->m_name = BusNameOwnership(g_bus_own_name_on_connection(self->m_connection.get(), self->m_busName.c_str(),
                                                                  G_BUS_NAME_OWNER_FLAGS_NONE, onNameAcquired,
                                                                  onNameLost, self, nullptr));
@@ -530,7 +534,12 @@ void StatusNotifierItem::Service::setMenu(const Menu& menu)
     GPtr<DbusmenuMenuitem> root = adopt(dbusmenu_menuitem_new_with_id(0));
     int nextId = 1;
     addMenuItems(root.get(), menu, nextId);
-    if (m_menuServer)
+    // Until the menu is on the bus its root waits: setting it announces a
+    // layout too, which would be taken for the export and have the name
+    // asked for while the menu's object is not there yet.
+    if (m_menuExport)
+        m_pendingRoot = std::move(root);
+    else if (m_menuServer)
         dbusmenu_server_set_root(m_menuServer.get(), root.get());
 }
 

@@ -246,3 +246,17 @@ TEST_F(Tray, WhileTheProgramAsksSaveChangesTheDesktopAndASecondLaunchAreServed)
     ASSERT_TRUE(w.waitForLog("Message mismatch.  Expected helperDelegateCommand")) << w.launcherLog();
     EXPECT_EQ(launcher.waitForExit(1s), std::nullopt) << "the program still runs, so does its launcher";
 }
+
+TEST_F(Tray, TheDesktopsActivationTokenGoesToTheNextProcessOnce)
+{
+    launch();
+    watcher.provideXdgActivationToken("token-from-the-panel");
+    watcher.activate(10, 10);
+    EXPECT_EQ(w.startLauncher({ "first.txt" }).waitForExit(), 0);
+    EXPECT_EQ(w.startLauncher({ "second.txt" }).waitForExit(), 0);
+    ASSERT_TRUE(w.records.waitForTools(3, "vtmenu")) << w.launcherLog();
+    auto menus = w.records.tools("vtmenu");
+    EXPECT_EQ(menus.at(0).environment.count("XDG_ACTIVATION_TOKEN"), 0u);
+    EXPECT_EQ(menus.at(1).environment["XDG_ACTIVATION_TOKEN"], "token-from-the-panel");
+    EXPECT_EQ(menus.at(2).environment.count("XDG_ACTIVATION_TOKEN"), 0u) << "a token serves once";
+}
