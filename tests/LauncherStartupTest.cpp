@@ -271,3 +271,20 @@ TEST(LauncherStartup, WhatComesWhileItWaitsIsDeliveredAfterwardsInOrder)
     launcher.signal(SIGTERM);
     EXPECT_EQ(launcher.waitForExit(), 0) << w.launcherLog();
 }
+
+TEST(LauncherStartup, AnIdleLauncherHasGLibsThreadsAndItsOwnMainThreadOnly)
+{
+    StandinWorld w;
+    auto& launcher = startedLauncher(w);
+    ASSERT_TRUE(w.records.waitForTools(2)) << w.launcherLog();
+    // The tray socket's and the item's work are there too by now.
+    ASSERT_TRUE(w.waitForLog("event: activate")) << w.launcherLog();
+    std::vector<std::string> names;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/" + std::to_string(launcher.pid()) + "/task"))
+        names.push_back(readFile(task.path() / "comm"));
+    EXPECT_LE(names.size(), 4u) << testing::PrintToString(names);
+    for (const auto& name : names)
+        EXPECT_EQ(name.rfind("vt-", 0), std::string::npos) << "a thread of the launcher's own: " << name;
+    launcher.signal(SIGTERM);
+    EXPECT_EQ(launcher.waitForExit(), 0) << w.launcherLog();
+}
