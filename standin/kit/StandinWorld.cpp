@@ -1,7 +1,12 @@
 #include "standin/kit/StandinWorld.hpp"
 
+#include <algorithm>
+#include <csignal>
+#include <cstdio>
 #include <cstdlib>
+#include <set>
 #include <stdexcept>
+#include <vector>
 
 #include "shell/HelperServerClient.hpp"
 
@@ -17,7 +22,52 @@ namespace {
         writeFile(temporary += ".tmp", contents);
         std::filesystem::rename(temporary, path);
     }
+
+    struct ToolProcess {
+        pid_t pid;
+        bool readsInput; // a pipe or a socket: the window-command channel
+        std::string commandLine;
+    };
+
+    // The running processes of the stand-in tools, by whatever name they
+    // were started, that report to `records`: the tools of one world. A
+    // zombie has neither executable nor environment and is not among them.
+    std::vector<ToolProcess> toolProcessesReportingTo(const std::filesystem::path& records)
+    {
+        std::error_code error;
+        const std::set<std::filesystem::path> programs {
+            std::filesystem::weakly_canonical(standinProgram("vt-standin-tool"), error),
+            std::filesystem::weakly_canonical(standinProgram("vt-standin-sendwndcmd"), error),
+        };
+        const std::string tie = std::string(standin::kRecordsVariable) + "=" + records.string();
+        std::vector<ToolProcess> found;
+        for (const auto& entry : std::filesystem::directory_iterator("/proc", error)) {
+            const std::string name = entry.path().filename();
+            if (name.find_first_not_of("0123456789") != std::string::npos)
+                continue;
+            std::error_code gone;
+            if (!programs.count(std::filesystem::read_symlink(entry.path() / "exe", gone)) || gone)
+                continue;
+            std::string environment = readFile(entry.path() / "environ");
+            if (('\0' + environment).find('\0' + tie + '\0') == std::string::npos)
+                continue;
+            const std::string input = std::filesystem::read_symlink(entry.path() / "fd/0", gone);
+            std::string commandLine = readFile(entry.path() / "cmdline");
+            std::replace(commandLine.begin(), commandLine.end(), '\0', ' ');
+            found.push_back(
+                { std::stoi(name), input.starts_with("pipe:") || input.starts_with("socket:"), commandLine });
+        }
+        return found;
+    }
 } // namespace
+
+StandinWorld::LeftBehind::~LeftBehind()
+{
+    if (report.empty())
+        return;
+    std::fprintf(stderr, "%s", report.c_str());
+    std::abort();
+}
 
 StandinWorld::StandinWorld()
 {
@@ -50,6 +100,32 @@ StandinWorld::~StandinWorld()
         if (!records.endedBy(tool.pid))
             terminateAndWait(tool.pid);
     }
+    m_launcherRuns.clear();
+    m_helperServer.reset();
+
+    // A tool on a launcher's window-command channel ends by itself once its
+    // launcher is gone: its input ends. The others (vtmenu, vtstart) outlive
+    // their launcher, as the program they stand for does, so those the world
+    // has not seen yet (a launcher may start one just before it is killed)
+    // are ended as the seen ones were.
+    std::set<pid_t> ended;
+    std::vector<ToolProcess> left;
+    bool clean = waitUntil([&] {
+        left = toolProcessesReportingTo(records.path());
+        for (const ToolProcess& tool : left) {
+            if (!tool.readsInput && ended.insert(tool.pid).second)
+                kill(tool.pid, SIGTERM);
+        }
+        return left.empty();
+    });
+    if (clean)
+        return;
+    std::string report = "*** The stand-in world in " + dir.path().string() + " left tools running:\n";
+    for (const ToolProcess& tool : left) {
+        report += "***   pid " + std::to_string(tool.pid) + ": " + tool.commandLine + "\n";
+        kill(tool.pid, SIGKILL);
+    }
+    m_leftBehind.report = report;
 }
 
 void StandinWorld::setAnswer(const std::string& command, const std::string& answer)

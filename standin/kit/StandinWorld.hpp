@@ -14,7 +14,13 @@
 //   EXPECT_EQ(menu.arguments(), (std::vector<std::string> { "--bottle", "Office", ... }));
 //
 // When it goes away it ends the main application and every tool it has seen
-// (SIGTERM) and waits for them to be gone.
+// (SIGTERM) and waits for them to be gone, then its launchers and helper
+// server. Then no stand-in tool of this world may be left: one on a
+// window-command channel ends by itself once its launcher is gone, the
+// others it has not seen yet are ended too. One still running after that is
+// a fault of the launcher or of the tools: the world names it on standard
+// error, kills it and, once everything else of it is gone, aborts the
+// program.
 #pragma once
 
 #include <filesystem>
@@ -33,6 +39,13 @@ namespace vt::test {
 using EnvironmentChanges = std::map<std::string, std::optional<std::string>>;
 
 class StandinWorld {
+    // Declared first so that it goes last, after the bus and the folder: what
+    // was left behind ends the program there, loudly.
+    struct LeftBehind {
+        std::string report;
+        ~LeftBehind();
+    } m_leftBehind;
+
 public:
     StandinWorld();
     ~StandinWorld();

@@ -1,9 +1,11 @@
 // What the stand-in tools (vt-standin-tool and vt-standin-sendwndcmd) share:
 // how a tool waits for its end and records it.
 //
-// A tool runs until SIGTERM or SIGINT ends it (the window-command tool also
-// at the end of its input). Both signals are blocked and read from a signal
-// descriptor, so a tool waits on descriptors only and never wakes by itself.
+// A tool runs until SIGTERM or SIGINT ends it, or until the input it was
+// given ends: the window-command channel's pipe closes when the launcher
+// closes it or is gone, so no tool on it outlives its launcher. Both signals
+// are blocked and read from a signal descriptor, so a tool waits on
+// descriptors only and never wakes by itself.
 // Before it dies of the signal it sends a tool-end record with the signal
 // and the sender's pid (standin/record/Record.hpp), so a test can tell who
 // ended it; its parent then sees the real reason in the wait status.
@@ -23,6 +25,9 @@ public:
     int fd() const { return m_fd.get(); }
     // Waits for one of the signals, records it for the tool `role` and dies of it.
     [[noreturn]] void endWithSignal(const std::string& role) const;
+    // The same, but when standard input is a pipe or a socket, its end (what
+    // arrives on it is dropped) ends the tool too, with status 0.
+    [[noreturn]] void endWithSignalOrEndOfInput(const std::string& role) const;
 
 private:
     Fd m_fd;

@@ -13,7 +13,11 @@
 // nothing else of its own environment.
 //
 // Then it stays alive, like a tool whose Windows program runs, until SIGTERM
-// or SIGINT ends it (ToolSupport.hpp).
+// or SIGINT ends it, or until its input ends when it was given a pipe or a
+// socket to read (ToolSupport.hpp): a wine whose arguments are not the
+// window-command channel's still has the channel's pipe as its input, and
+// ends with it. vtmenu and vtstart are given the null device: like the
+// Windows program they stand for, they outlive their launcher.
 //
 // vtmenu and vtstart with "--enable-alt-loader" (whatever follows it:
 // "macdrv" or "macdrv--") and VT_APPRUNNER_ALT_LOADER_SOCKET set play the
@@ -109,5 +113,5 @@ int main(int argc, char** argv)
         execWindowCommandTool(argv);
     if (vt::standin::actsAsWineLoader(role, argv))
         vt::standin::handOverToLauncher(role, argv, signals);
-    signals.endWithSignal(role);
+    signals.endWithSignalOrEndOfInput(role);
 }
