@@ -1,6 +1,6 @@
 // The benchmark's Wine library: wine_init notes when it was called and
 // returns at once (a failure, to the launcher), so that every round of the
-// benchmark ends with the connection's thread.
+// benchmark ends with the thread that called it.
 #include <atomic>
 #include <cstddef>
 #include <cstdio>

@@ -1,6 +1,6 @@
-// The loader's request reader, WineLoaderClientConnection::readRequest, over
-// a stream socketpair as the product's Wine loader uses it, descriptors
-// included.
+// The loader's request reader, WineLoaderClientConnection, over a stream
+// socketpair as the product's Wine loader uses it, descriptors included, the
+// bytes arriving in pieces as a slow loader's would.
 //
 // An input is two steering bytes, then the bytes of the stream:
 //   byte 0, bits 0-2  descriptors on the carrier byte (0 to 7)
@@ -10,12 +10,15 @@
 //   byte 1            the trailer's length (the last bytes of the input)
 //   the rest          the head, then the trailer
 // The stream is the head, the carrier byte with its descriptors, the trailer
-// with its own, then the end.
+// with its own, then the end. The head is written in a few pieces, cut where
+// a hash of the input says, and the reader reads what has come after each.
 //
 // A model of the protocol, written from its description, says whether the
-// request is sound and what it holds; the reader must agree. Descriptors it
-// keeps are close-on-exec; after each input this process has exactly the
-// descriptors it had before.
+// request is sound and what it holds; the reader must agree, and must not
+// finish before the stream says it may. Descriptors it keeps are
+// close-on-exec; after each input this process has exactly the descriptors
+// it had before.
+#include <algorithm>
 #include <array>
 #include <cstring>
 #include <memory>
@@ -28,7 +31,6 @@
 
 #include "base/posix_glue.hpp"
 #include "fuzz/FuzzSupport.hpp"
-#include "loader/WineLoader.hpp"
 #include "loader/WineLoaderClientConnection.hpp"
 
 using namespace vt;
@@ -157,16 +159,18 @@ void sendWith(int socket, std::string_view bytes, const std::vector<Fd>& descrip
     VT_FUZZ_CHECK(::sendmsg(socket, &message, MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size()));
 }
 
-// A server of each layout, made once: connections only borrow its
-// identity and settings, the requests never reach it.
-WineLoader& loaderFor(const WineLoaderLayout& layout)
+// Where the head is cut: up to three places, from a hash of the head, so
+// that the fuzzer's changes move the cuts too.
+std::vector<size_t> cuts(std::string_view head)
 {
-    static const std::shared_ptr<WineLoader> loader64
-        = WineLoader::create("/nonexistent/root", fuzz::privateDirectory(), kWineLoaderLayout64);
-    static const std::shared_ptr<WineLoader> loader32
-        = WineLoader::create("/nonexistent/root", fuzz::privateDirectory(), kWineLoaderLayout32);
-    VT_FUZZ_CHECK(loader64 && loader32);
-    return &layout == &kWineLoaderLayout32 ? *loader32 : *loader64;
+    uint64_t hash = 1469598103934665603ull;
+    for (char c : head)
+        hash = (hash ^ static_cast<unsigned char>(c)) * 1099511628211ull;
+    std::vector<size_t> at;
+    for (int i = 0; i < 3 && !head.empty(); ++i, hash >>= 16)
+        at.push_back((hash & 0xFFFF) % head.size());
+    std::sort(at.begin(), at.end());
+    return at;
 }
 
 } // namespace
@@ -177,7 +181,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     const uint8_t flags = input.byte();
     const size_t trailerLength = input.byte();
     const WineLoaderLayout& layout = flags & 0x08 ? kWineLoaderLayout32 : kWineLoaderLayout64;
-    WineLoader& loader = loaderFor(layout);
     std::string_view rest = input.rest();
     std::string_view trailer = rest.substr(rest.size() - std::min(trailerLength, rest.size()));
     std::string_view head = rest.substr(0, std::min(rest.size() - trailer.size(), kMaxHead));
@@ -186,8 +189,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     {
         int ends[2];
         VT_FUZZ_CHECK(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) == 0);
-        Fd sender(ends[0]);
-        WineLoaderClientConnection connection(loader, Fd(ends[1]));
+        Fd sender(ends[0]), receiver(ends[1]);
+        WineLoaderClientConnection connection(layout, receiver.get());
 
         Sent sent;
         sent.stream = std::string(head) + '\0' + std::string(trailer);
@@ -195,22 +198,37 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         sent.carrierDescriptors = flags & 0x07;
         sent.trailerDescriptors = trailer.empty() ? 0 : flags >> 5;
         const bool pipes = flags & 0x10;
-        VT_FUZZ_CHECK(writeAll(sender.get(), head.data(), head.size(), true));
+        std::optional<Expected> expected = model(sent, layout);
+
+        // Until the stream has ended, a sound request cannot be whole.
+        size_t from = 0;
+        for (size_t cut : cuts(head)) {
+            VT_FUZZ_CHECK(writeAll(sender.get(), head.data() + from, cut - from, true));
+            from = cut;
+            connection.readAvailable();
+            VT_FUZZ_CHECK(!expected || !connection.isFinished());
+        }
+        VT_FUZZ_CHECK(writeAll(sender.get(), head.data() + from, head.size() - from, true));
         sendWith(sender.get(), std::string_view("\0", 1), makeDescriptors(sent.carrierDescriptors, pipes));
         sendWith(sender.get(), trailer, makeDescriptors(sent.trailerDescriptors, pipes));
+        connection.readAvailable();
+        VT_FUZZ_CHECK(!expected || !connection.isFinished());
         VT_FUZZ_CHECK(::shutdown(sender.get(), SHUT_WR) == 0);
 
-        std::optional<WineLoaderRequest> request = connection.readRequest();
-        std::optional<Expected> expected = model(sent, layout);
-        VT_FUZZ_CHECK(request.has_value() == expected.has_value());
-        if (request) {
-            VT_FUZZ_CHECK(request->workingDirectory == expected->workingDirectory);
-            VT_FUZZ_CHECK(std::string(request->environment.begin(), request->environment.end())
+        // All of it is there now: one read to the end.
+        using State = WineLoaderClientConnection::State;
+        State state = connection.readAvailable();
+        VT_FUZZ_CHECK(connection.isFinished());
+        VT_FUZZ_CHECK((state == State::Complete) == expected.has_value());
+        if (expected) {
+            WineLoaderRequest request = connection.takeRequest();
+            VT_FUZZ_CHECK(request.workingDirectory == expected->workingDirectory);
+            VT_FUZZ_CHECK(std::string(request.environment.begin(), request.environment.end())
                           == expected->environment);
-            VT_FUZZ_CHECK(std::string(request->arguments.begin(), request->arguments.end()) == expected->arguments);
-            VT_FUZZ_CHECK(request->argumentCount == expected->argumentCount);
+            VT_FUZZ_CHECK(std::string(request.arguments.begin(), request.arguments.end()) == expected->arguments);
+            VT_FUZZ_CHECK(request.argumentCount == expected->argumentCount);
             for (int i = 0; i < kWineLoaderMaxDescriptors; ++i) {
-                const Fd& received = request->descriptors[static_cast<size_t>(i)];
+                const Fd& received = request.descriptors[static_cast<size_t>(i)];
                 VT_FUZZ_CHECK(static_cast<bool>(received) == (i < expected->descriptors));
                 // No child may inherit one before Wine is handed it.
                 if (received)

@@ -5,11 +5,17 @@
 #include <fstream>
 #include <string>
 
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
 namespace vt {
 
 namespace {
 
 constexpr uintptr_t kWineDosAreaLowest = 0x1000;
+// Where the executable's zero-fill segment for the DOS area begins.
+constexpr uintptr_t kWineDosAreaLinkedStart = 0x10000;
 constexpr uintptr_t kWineDosAreaEnd = 0x40001000;
 constexpr uintptr_t kWineSharedHeapStart = 0x7F000000;
 constexpr size_t kWineSharedHeapLength = 0x03000000;
@@ -48,3 +54,39 @@ std::array<ReservedArea, 2> wineReservedAreas()
 }
 
 } // namespace vt
+
+extern "C" void vt_reserve_wine_low_dos_area(int, char**, char**)
+{
+    using namespace vt;
+    // Read with bare system calls: no stream, no allocation, no locale yet.
+    uintptr_t lowest = kUsualMmapMinAddr;
+    int fd = ::open("/proc/sys/vm/mmap_min_addr", O_RDONLY | O_CLOEXEC);
+    if (fd >= 0) {
+        char text[32];
+        ssize_t n = ::read(fd, text, sizeof text);
+        ::close(fd);
+        uintptr_t value = 0;
+        bool digits = n > 0;
+        for (ssize_t i = 0; i < n && text[i] != '\n'; ++i) {
+            if (text[i] < '0' || text[i] > '9') {
+                digits = false;
+                break;
+            }
+            value = value * 10 + static_cast<uintptr_t>(text[i] - '0');
+        }
+        if (digits)
+            lowest = (value + kPageSize - 1) & ~(kPageSize - 1);
+    }
+    uintptr_t start = lowest < kWineDosAreaLowest ? kWineDosAreaLowest : lowest;
+    if (start >= kWineDosAreaLinkedStart)
+        return;
+    // Nothing may sit there yet, and nothing is replaced if something does:
+    // the hand-over maps over the whole area in any case.
+    void* wanted = reinterpret_cast<void*>(start);
+    size_t length = kWineDosAreaLinkedStart - start;
+    void* got = ::mmap(wanted, length, PROT_NONE, MAP_FIXED_NOREPLACE | MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE,
+                       -1, 0);
+    // A kernel that predates MAP_FIXED_NOREPLACE takes the address as a hint.
+    if (got != MAP_FAILED && got != wanted)
+        ::munmap(got, length);
+}

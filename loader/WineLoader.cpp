@@ -1,19 +1,22 @@
 #include "loader/WineLoader.hpp"
 
 #include <cerrno>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <system_error>
+#include <thread>
 
+#include <dlfcn.h>
 #include <fcntl.h>
-#include <poll.h>
-#include <sys/eventfd.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include "base/PlatformLog.hpp"
 #include "base/VTLog.hpp"
 #include "base/posix_glue.hpp"
-#include "loader/WineLoaderClientConnection.hpp"
+#include "loader/ExecutableLayout.hpp"
 #include "shell/Application.hpp"
 #include "shell/PrivateDirectory.hpp"
 
@@ -21,63 +24,84 @@ namespace vt {
 
 namespace {
     constexpr int kBacklog = 5;
-    constexpr const char* kAcceptName = "WineLoader::acceptConnections";
-    // How long the accept thread waits after an accept that failed for want
-    // of descriptors or memory: short enough that a loader hardly notices,
-    // long enough not to spin.
-    constexpr int kRetryDelayMilliseconds = 100;
+    constexpr const char* kAcceptName = "-[WineLoader acceptConnections]";
+    constexpr const char* kHandle = "-[WineLoaderClientConnection handleConnection]";
+    constexpr size_t kWineErrorSize = 1024;
 
-    // Errors after which the listening socket can never accept again;
-    // everything else may pass.
-    bool isListeningSocketGone(int error)
+    using WineInit = void (*)(int argc, char* argv[], char* error, int errorSize);
+    using WineAnonMmap = void* (*)(void* start, size_t size, int prot, int flags);
+    using WineMmapAddReservedArea = void (*)(void* addr, size_t size);
+
+    // Wine's library, closed again unless Wine has taken over.
+    class WineLibrary {
+    public:
+        explicit WineLibrary(const std::string& path) : m_handle(::dlopen(path.c_str(), RTLD_NOW | RTLD_GLOBAL)) {}
+        ~WineLibrary()
+        {
+            if (m_handle)
+                ::dlclose(m_handle);
+        }
+        WineLibrary(const WineLibrary&) = delete;
+        WineLibrary& operator=(const WineLibrary&) = delete;
+        explicit operator bool() const { return m_handle != nullptr; }
+        template <typename F> F symbol(const char* name) const { return reinterpret_cast<F>(::dlsym(m_handle, name)); }
+
+    private:
+        void* m_handle;
+    };
+
+    std::string dlerrorText()
     {
-        return error == EBADF || error == EINVAL || error == ENOTSOCK || error == EOPNOTSUPP || error == EFAULT;
+        const char* text = ::dlerror();
+        return text ? text : "unknown error";
     }
 
-    // Only this user may hand a program over: another user's loader would
-    // run its program as us.
-    bool isPeerThisUser(int fd)
+    // Logs the message and gives it back, for the owner to hear it too.
+    template <typename... Args> std::string logged(LogFormat<std::type_identity_t<Args>...> format, const Args&... args)
     {
-        std::optional<ucred> peer = peerCredentials(fd);
-        if (!peer) {
-            platformLog("%s: cannot tell who connected; errno %d", kAcceptName, errno);
-            return false;
-        }
-        if (!isThisUser(*peer)) {
-            platformLog("%s: refused a connection from uid %u (pid %d): only this user may hand a program over",
-                        kAcceptName, static_cast<unsigned>(peer->uid), static_cast<int>(peer->pid));
-            return false;
-        }
-        return true;
+        std::string message = formatMessage<Args...>(format, args...);
+        writeLogLine(message);
+        return message;
     }
+
+    // What the Wine thread needs, prepared on the main thread and handed to
+    // it whole: from then on only that thread touches it.
+    struct WineStart {
+        std::unique_ptr<WineLibrary> library;
+        WineInit wineInit = nullptr;
+        // The argument strings and the Wine server socket and wait-children
+        // pipe, which stay open for Wine.
+        WineLoaderRequest request;
+        std::string loaderPath;
+        std::vector<char*> argv;
+        std::weak_ptr<WineLoader> loader;
+    };
 } // namespace
 
-WineLoader::WineLoader(std::string vantorRoot, const WineLoaderLayout& layout)
+WineLoader::WineLoader(std::string vantorRoot, Callbacks callbacks, const Settings& settings)
     : m_vantorRoot(std::move(vantorRoot))
-    , m_layout(layout)
+    , m_layout(*settings.layout)
+    , m_settings(settings)
+    , m_callbacks(std::move(callbacks))
 {
 }
 
 std::shared_ptr<WineLoader> WineLoader::create(std::string vantorRoot, const std::filesystem::path& directory,
-                                               const WineLoaderLayout& layout)
+                                               Callbacks callbacks, const Settings& settings)
 {
-    std::shared_ptr<WineLoader> loader(new WineLoader(std::move(vantorRoot), layout));
+    std::shared_ptr<WineLoader> loader(new WineLoader(std::move(vantorRoot), std::move(callbacks), settings));
     if (!loader->listenAt(directory))
         return nullptr;
-    loader->m_acceptThread = std::thread([raw = loader.get()] {
-        nameThisThread("vt-loader");
-        raw->acceptConnections();
-    });
     return loader;
 }
 
 bool WineLoader::listenAt(const std::filesystem::path& directory)
 {
-    m_sock = Fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    if (!m_sock || ::fcntl(m_sock.get(), F_SETFL, O_NONBLOCK) != 0)
+    Fd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (!socket)
         return false;
 
-    std::optional<std::string> bound = bindFreshSocket(m_sock.get(), directory, "loader");
+    std::optional<std::string> bound = bindFreshSocket(socket.get(), directory, "loader");
     if (!bound)
         return false;
     const std::string path = *bound;
@@ -89,101 +113,265 @@ bool WineLoader::listenAt(const std::filesystem::path& directory)
             ApplicationWillTerminateNotification, application,
             [path](const Notification&) { ::unlink(path.c_str()); });
     }
-    if (::listen(m_sock.get(), kBacklog) != 0)
+    if (::listen(socket.get(), kBacklog) != 0)
         return false;
-    m_wake = Fd(::eventfd(0, EFD_CLOEXEC));
-    return static_cast<bool>(m_wake);
+
+    UnixSocketListener::Handlers handlers;
+    handlers.accepted = [this](std::unique_ptr<UnixSocketListener::Connection> connection) {
+        accepted(std::move(connection));
+    };
+    // Only this user may hand a program over: another user's loader would
+    // run its program as us.
+    handlers.refused = [](const std::optional<ucred>& peer, int error) {
+        if (peer)
+            platformLog("%s: refused a connection from uid %u (pid %d): only this user may hand a program over",
+                        kAcceptName, static_cast<unsigned>(peer->uid), static_cast<int>(peer->pid));
+        else
+            platformLog("%s: cannot tell who connected; errno %d", kAcceptName, error);
+    };
+    // Out of descriptors or memory, most likely for a moment: the loader
+    // waits in the backlog meanwhile.
+    handlers.acceptFailing = [](int error) {
+        platformLog("%s: accept failed; errno %d (%s); trying again until it works", kAcceptName, error,
+                    std::strerror(error));
+    };
+    handlers.acceptRecovered = [](unsigned failures) {
+        platformLog("%s: accepting loaders again after %u failed attempts", kAcceptName, failures);
+    };
+    handlers.ended = [](int error) {
+        platformLog("%s: accept failed; errno %d; no more loaders are accepted", kAcceptName, error);
+    };
+    UnixSocketListener::Limits limits;
+    limits.maxOpenConnections = m_settings.maxOpenConnections;
+    limits.deadline = m_settings.requestDeadline;
+    m_listener = std::make_unique<UnixSocketListener>(std::move(socket), "vt loader socket", limits,
+                                                      std::move(handlers));
+    return true;
 }
 
 WineLoader::~WineLoader()
 {
-    stopListening();
+    m_pending.clear();
+    m_listener.reset();
     m_unlinkingObserver.reset();
     unlinkSocketFile();
 }
 
-void WineLoader::acceptConnections()
+void WineLoader::accepted(std::unique_ptr<UnixSocketListener::Connection> socket)
 {
-    // Failed accepts in a row: the first is logged, the rest of the episode
-    // is not, and its end is.
-    unsigned failures = 0;
-    for (;;) {
-        pollfd watched[2] = { { m_sock.get(), POLLIN, 0 }, { m_wake.get(), POLLIN, 0 } };
-        if (::poll(watched, 2, -1) < 0) {
-            int error = errno;
-            if (error == EINTR)
-                continue;
-            if (error == ENOMEM) {
-                if (waitBeforeRetrying())
-                    continue;
-                break;
-            }
-            platformLog("%s: poll failed; errno %d; no more loaders are accepted", kAcceptName, error);
-            break;
-        }
-        if (watched[1].revents)
-            break;
-        if (watched[0].revents & (POLLERR | POLLNVAL)) {
-            platformLog("%s: the listening socket failed; no more loaders are accepted", kAcceptName);
-            break;
-        }
-        Fd connection(::accept4(m_sock.get(), nullptr, nullptr, SOCK_CLOEXEC));
-        if (!connection) {
-            int error = errno;
-            if (error == EAGAIN || error == EWOULDBLOCK || error == EINTR || error == ECONNABORTED)
-                continue;
-            if (isListeningSocketGone(error)) {
-                platformLog("%s: accept failed; errno %d; no more loaders are accepted", kAcceptName, error);
-                break;
-            }
-            // Out of descriptors or memory, most likely for a moment: the
-            // connection waits in the backlog while this thread waits too,
-            // instead of spinning on it or giving up for good.
-            if (failures++ == 0)
-                platformLog("%s: accept failed; errno %d (%s); trying again until it works", kAcceptName, error,
-                            std::strerror(error));
-            if (!waitBeforeRetrying())
-                break;
+    const int fd = socket->fd();
+    try {
+        auto reader = std::make_unique<WineLoaderClientConnection>(m_layout, fd);
+        if (reader->isFinished()) // refused already, logged
+            return;
+        auto pending = m_pending.insert(m_pending.end(), Pending { std::move(socket), std::move(reader) });
+        pending->socket->watch([this, pending] { readable(pending); }, [this, pending] { deadlinePassed(pending); });
+    } catch (const std::exception&) {
+        platformLog("%s: failed to create WineLoaderClientConnection for connection socket %d", kAcceptName, fd);
+    }
+}
+
+void WineLoader::readable(std::list<Pending>::iterator pending)
+{
+    using State = WineLoaderClientConnection::State;
+    State state = pending->reader->readAvailable();
+    if (!pending->reader->isFinished())
+        return;
+    Pending finished = std::move(*pending);
+    m_pending.erase(pending);
+    if (state == State::Complete) {
+        WineLoaderRequest request = finished.reader->takeRequest();
+        startWine(std::move(finished), std::move(request));
+    }
+    else if (state == State::WrongArchitecture)
+        rejectWrongArchitecture();
+    // The connection closes here, with no answer, unless the start took it.
+}
+
+void WineLoader::deadlinePassed(std::list<Pending>::iterator pending)
+{
+    // Whatever it had sent goes with it, descriptors included.
+    platformLog("%s: the request did not come whole within %lld ms; the connection is closed", kHandle,
+                static_cast<long long>(m_settings.requestDeadline.count()));
+    m_pending.erase(pending);
+}
+
+void WineLoader::rejectWrongArchitecture()
+{
+    runOnMain([loader = weak_from_this(), architecture = std::string(m_layout.otherArchitecture)] {
+        // Held for the call: an observer may let the loader go meanwhile.
+        auto self = loader.lock();
+        if (!self)
+            return;
+        NotificationCenter::defaultCenter().post(WineLoaderRejectedRequestForWrongArchitectureNotification, self.get(),
+                                                 { { WineLoaderRequestedArchitectureKey, architecture } });
+        if (self->m_callbacks.rejectedRequestForWrongArchitecture)
+            self->m_callbacks.rejectedRequestForWrongArchitecture(architecture);
+    });
+}
+
+bool WineLoader::shouldConnectionProceedWithRequest(const WineLoaderClientConnection&)
+{
+    if (m_handedOver)
+        return false;
+    m_handedOver = true;
+    // Listening ends here: a loader that connects now is refused at once
+    // instead of waiting in the backlog. Requests still being read are
+    // read to their end and refused then.
+    m_listener.reset();
+    m_unlinkingObserver.reset();
+    unlinkSocketFile();
+    m_socketPath.clear();
+    VTLog("a loader's request takes the Windows program into this process");
+    return true;
+}
+
+void WineLoader::startWine(Pending pending, WineLoaderRequest request)
+{
+    // The library and its entry point first: a request that cannot be served
+    // must not spend the server's single hand-over.
+    std::string libraryPath = m_vantorRoot + "/" + m_layout.libraryDirectory + "/" + kWineLibraryName;
+    auto start = std::make_unique<WineStart>();
+    start->library = std::make_unique<WineLibrary>(libraryPath);
+    if (!*start->library) {
+        platformLog("Failed to load %@: %s", libraryPath, dlerrorText());
+        return;
+    }
+    start->wineInit = start->library->symbol<WineInit>("wine_init");
+    if (!start->wineInit) {
+        platformLog("Failed to find symbol 'wine_init' in %@: %s", libraryPath, dlerrorText());
+        return;
+    }
+    if (!shouldConnectionProceedWithRequest(*pending.reader))
+        return;
+
+    // From here on the server is spent, whatever happens next.
+    uint32_t response = WineLoaderResponseProceed;
+    const char* p = reinterpret_cast<const char*>(&response);
+    size_t left = sizeof response;
+    while (left > 0) {
+        // Four bytes into a socket nobody has written to yet: no wait.
+        ssize_t n = ::send(pending.socket->fd(), p, left, MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (n < 0 && errno == EINTR)
             continue;
+        if (n < 0) {
+            handOverFailed(logged("%s: failed to send response; errno %d; p %p; &response %p; sizeof(response) %lu",
+                                  kHandle, errno, static_cast<const void*>(p), static_cast<const void*>(&response),
+                                  static_cast<unsigned long>(sizeof response)));
+            return;
         }
-        if (failures > 0) {
-            platformLog("%s: accepting loaders again after %u failed attempts", kAcceptName, failures);
-            failures = 0;
-        }
-        if (!isPeerThisUser(connection.get()))
-            continue;
-        int fd = connection.get();
-        try {
-            WineLoaderClientConnection::handleConnectionInBackground(
-                std::make_unique<WineLoaderClientConnection>(*this, std::move(connection)));
-        } catch (const std::exception&) {
-            platformLog("%s: failed to create WineLoaderClientConnection for connection socket %d", kAcceptName, fd);
+        p += n;
+        left -= static_cast<size_t>(n);
+    }
+    pending = {};
+
+    // Everything that changes the process happens here, on the main thread,
+    // before the Wine thread exists: no setenv of ours races a getenv of
+    // another thread of ours.
+
+    // Wine's memory manager gets the ranges the executable kept free for it.
+    auto anonMmap = start->library->symbol<WineAnonMmap>("wine_anon_mmap");
+    auto addReservedArea = start->library->symbol<WineMmapAddReservedArea>("wine_mmap_add_reserved_area");
+    if (!anonMmap || !addReservedArea) {
+        platformLog("Failed to find mmap symbols in %@: %s", libraryPath, dlerrorText());
+    } else {
+        for (const ReservedArea& area : wineReservedAreas()) {
+            anonMmap(reinterpret_cast<void*>(area.start), area.length, PROT_NONE, MAP_FIXED | MAP_NORESERVE);
+            addReservedArea(reinterpret_cast<void*>(area.start), area.length);
         }
     }
-    // Listening ends for good: a loader that connects now is refused at once
-    // instead of waiting in the backlog.
-    m_sock.reset();
+
+    if (!request.workingDirectory.empty())
+        [[maybe_unused]] int ignored = ::chdir(request.workingDirectory.c_str());
+
+    // The request's variables are laid over the launcher's own, except the
+    // two that must name what this process really holds.
+    for (size_t at = 0; at < request.environment.size();) {
+        char* entry = request.environment.data() + at;
+        at += std::strlen(entry) + 1;
+        char* equals = std::strchr(entry, '=');
+        if (!equals) {
+            handOverFailed(logged("%s: environment buffer has malformed string: %s", kHandle, entry));
+            return;
+        }
+        *equals = '\0';
+        if (std::strcmp(entry, "WINE_WAIT_CHILD_PIPE") != 0 && std::strcmp(entry, "VT_ALT_LOADER_SOCKET") != 0)
+            ::setenv(entry, equals + 1, 1);
+    }
+
+    try {
+        start->argv.reserve(static_cast<size_t>(request.argumentCount) + 1);
+        for (size_t at = 0; at < request.arguments.size(); at += std::strlen(request.arguments.data() + at) + 1)
+            start->argv.push_back(request.arguments.data() + at);
+        start->argv.push_back(nullptr);
+        if (*start->argv[0] == '\0') {
+            const char* fromEnvironment = std::getenv("WINELOADER");
+            start->loaderPath = fromEnvironment ? fromEnvironment : m_vantorRoot + "/bin/" + m_layout.defaultLoader;
+            start->argv[0] = start->loaderPath.data();
+        }
+    } catch (const std::bad_alloc&) {
+        handOverFailed(logged("failed to construct wineloader path string"));
+        return;
+    }
+
+    for (int standard : { WineLoaderStandardInput, WineLoaderStandardOutput, WineLoaderStandardError }) {
+        ::dup2(request.descriptors[standard].get(), standard);
+        request.descriptors[standard].reset();
+    }
+
+    Fd& serverSocket = request.descriptors[WineLoaderServerSocket];
+    if (::fcntl(serverSocket.get(), F_SETFD, FD_CLOEXEC) != 0)
+        platformLog("%s: failed to set received Wine server socket to close-on-exec; errno %d", kHandle, errno);
+    ::setenv("WINESERVERSOCKET", std::to_string(serverSocket.get()).c_str(), 1);
+    if (Fd& waitPipe = request.descriptors[WineLoaderWaitChildPipe]) {
+        // Wine's children inherit it: that is how the loader learns when
+        // the program's processes have all gone.
+        ::fcntl(waitPipe.get(), F_SETFD, 0);
+        ::setenv("WINE_WAIT_CHILD_PIPE", std::to_string(waitPipe.get()).c_str(), 1);
+    }
+
+    // The argument vector points into the request's buffer, which moves
+    // with it (a vector's storage does not move when the vector does).
+    start->request = std::move(request);
+    start->loader = weak_from_this();
+    try {
+        std::thread([start = std::move(start)]() mutable {
+            nameThisThread("vt-wine");
+            char error[kWineErrorSize] = {};
+            start->wineInit(start->request.argumentCount, start->argv.data(), error, static_cast<int>(sizeof error));
+            // Back only when it failed. Wine's own words, on standard error
+            // as Wine writes its messages.
+            std::string reason = std::string(kHandle) + ": wine_init failed: " + error;
+            std::fprintf(stderr, "%s\n", reason.c_str());
+            std::fflush(stderr);
+            std::weak_ptr<WineLoader> loader = start->loader;
+            start.reset(); // the server socket, the pipe and the library go
+            runOnMain([loader, reason] {
+                if (auto server = loader.lock())
+                    server->handOverFailed(reason);
+            });
+        }).detach();
+    } catch (const std::system_error& e) {
+        handOverFailed(logged("Failed to create thread to run Wine: error %d, %s", e.code().value(),
+                              std::strerror(e.code().value())));
+        return;
+    }
+    m_wineRunsInside = true;
+    runOnMain([loader = weak_from_this()] {
+        auto self = loader.lock();
+        if (self && self->m_callbacks.wineStarted)
+            self->m_callbacks.wineStarted();
+    });
 }
 
-bool WineLoader::waitBeforeRetrying()
+void WineLoader::handOverFailed(std::string reason)
 {
-    pollfd wake { m_wake.get(), POLLIN, 0 };
-    int ready;
-    do
-        ready = ::poll(&wake, 1, kRetryDelayMilliseconds);
-    while (ready < 0 && errno == EINTR);
-    return ready <= 0 || !wake.revents;
-}
-
-bool WineLoader::stopListening()
-{
-    if (!m_acceptThread.joinable())
-        return false;
-    uint64_t one = 1;
-    [[maybe_unused]] ssize_t written = ::write(m_wake.get(), &one, sizeof one);
-    // The accept thread never waits for the main thread, so this is brief.
-    m_acceptThread.join();
-    return true;
+    m_wineRunsInside = false;
+    runOnMain([loader = weak_from_this(), reason = std::move(reason)] {
+        auto self = loader.lock();
+        if (self && self->m_callbacks.handOverFailed)
+            self->m_callbacks.handOverFailed(reason);
+    });
 }
 
 void WineLoader::unlinkSocketFile()
@@ -192,17 +380,6 @@ void WineLoader::unlinkSocketFile()
         ::unlink(m_socketPath.c_str());
         m_bound = false;
     }
-}
-
-bool WineLoader::shouldConnectionProceedWithRequest(const WineLoaderClientConnection&)
-{
-    if (!stopListening())
-        return false;
-    m_unlinkingObserver.reset();
-    unlinkSocketFile();
-    m_socketPath.clear();
-    VTLog("a loader's request takes the Windows program into this process");
-    return true;
 }
 
 } // namespace vt

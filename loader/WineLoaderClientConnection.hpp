@@ -1,17 +1,19 @@
-// One accepted loader connection, on a thread of its own: it reads the start
-// request (WineLoaderProtocol.hpp) and, when the request is sound, loads
-// Wine's library, asks the server for the single hand-over, answers, and
-// turns this process into the Windows program's Wine process by calling
-// wine_init on its thread, from which it never returns when all goes well.
+// The reading side of one accepted loader connection: the start request
+// (WineLoaderProtocol.hpp) read as its bytes arrive, on the main loop, from
+// a non-blocking socket. It never waits: each call reads what has come and
+// moves on as far as that allows, through the request's parts in order (the
+// type word, the three length-prefixed buffers, the carrier byte with the
+// descriptors, the end of the stream).
 //
-// Every refusal is logged, writes no answer, closes every descriptor the
-// request brought and leaves the server listening.
+// A buffer grows with the bytes that have arrived, never to its announced
+// length at once: a peer that announces 16 MiB and stalls costs what it has
+// sent. Every refusal is logged, and every descriptor the request brought is
+// closed with it. What a complete request leads to (the hand-over) and how
+// long a connection may take are the server's business (WineLoader).
 #pragma once
 
 #include <array>
 #include <cstdint>
-#include <memory>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -19,8 +21,6 @@
 #include "loader/WineLoaderProtocol.hpp"
 
 namespace vt {
-
-class WineLoader;
 
 // A request read in full, end-of-stream included.
 struct WineLoaderRequest {
@@ -37,41 +37,65 @@ struct WineLoaderRequest {
 
 class WineLoaderClientConnection {
 public:
-    // `loader` is not kept alive: a connection whose server has gone is
-    // refused the hand-over.
-    WineLoaderClientConnection(WineLoader& loader, Fd socket);
+    enum class State {
+        RequestType,       // the 4-byte type word
+        BufferLength,      // the 8-byte prefix of the current buffer
+        BufferBytes,       // the current buffer's bytes
+        Descriptors,       // the carrier byte and the descriptors it brings
+        EndOfStream,       // nothing more may come
+        Complete,          // a sound request, whole: takeRequest()
+        WrongArchitecture, // the other word size's loader; read no further
+        Refused,           // logged; nothing it brought is kept
+    };
 
-    // Starts the connection's own thread, which handles it and then lets it
-    // go. When no thread can be made, the connection is closed, logged.
-    static void handleConnectionInBackground(std::unique_ptr<WineLoaderClientConnection> connection);
+    // Reads from `socket`, which the caller owns and keeps open while this
+    // reads; it is made non-blocking here (a failure to do so is a refusal,
+    // logged).
+    WineLoaderClientConnection(const WineLoaderLayout& layout, int socket);
+    WineLoaderClientConnection(const WineLoaderClientConnection&) = delete;
+    WineLoaderClientConnection& operator=(const WineLoaderClientConnection&) = delete;
 
-    // Reads and validates the request, then starts Wine. Blocks: no read has
-    // a time limit.
-    void handleConnection();
+    // Reads what has arrived, without waiting; the state reached. From
+    // Complete, WrongArchitecture and Refused on, nothing more is read.
+    State readAvailable();
 
-    // The reading side alone; nothing on any refusal (logged, the request's
-    // descriptors closed).
-    std::optional<WineLoaderRequest> readRequest();
+    State state() const noexcept { return m_state; }
+    bool isFinished() const noexcept { return m_state >= State::Complete; }
 
-    // Exactly `length` bytes, or false (errno kept) at end-of-stream or error.
-    bool readData(void* buffer, size_t length);
-    // A length-prefixed buffer within what is left of the request limit;
-    // nothing on failure (logged). `length` is the prefix as sent.
-    std::optional<std::vector<char>> readLengthPrefixedBuffer(uint64_t& length);
+    // The request, once Complete.
+    WineLoaderRequest takeRequest() { return std::move(m_request); }
 
 private:
-    bool receiveDescriptors(WineLoaderRequest& request);
-    bool requireEndOfStream();
-    void startWine(WineLoaderRequest& request);
-    void postWrongArchitecture();
+    // How one read ended, for the state's own message.
+    enum class Read { Progress, Wait, Failed };
 
-    std::weak_ptr<WineLoader> m_loader;
-    // The server's identity as the notifications' object, never dereferenced here.
-    const WineLoader* m_loaderObject;
-    std::string m_vantorRoot;
+    // Each step reads once; false when it must wait for more to arrive.
+    bool readRequestType();
+    bool readBufferLength();
+    bool readBufferBytes();
+    bool receiveDescriptors();
+    bool requireEndOfStream();
+
+    Read readInto(void* buffer, size_t length, size_t& got);
+    // Fills the word up to `length` bytes; Progress once it is full.
+    Read fillWord(size_t length);
+    void finishBuffer();
+    // Logs why the current buffer could not be read.
+    void bufferFailed();
+    void refuse() noexcept;
+
     const WineLoaderLayout& m_layout;
-    Fd m_sock;
+    int m_sock;
+    State m_state = State::RequestType;
+    // The type word or a length prefix as it arrives.
+    alignas(uint64_t) unsigned char m_word[sizeof(uint64_t)] = {};
+    size_t m_wordFilled = 0;
+    // Which of the three buffers is being read, its length, its bytes.
+    int m_buffer = 0;
+    uint64_t m_length = 0;
+    std::vector<char> m_bytes;
     uint64_t m_budget = kWineLoaderRequestLimit;
+    WineLoaderRequest m_request;
 };
 
 } // namespace vt

@@ -9,8 +9,9 @@
  *
  * The DOS area ends at 0x40001000 and starts at 0x10000, not at the 0x1000
  * Wine would like: exec fails when a segment lies below vm.mmap_min_addr,
- * which is 65536 on most machines and unknown at link time. The hand-over
- * adds the pages below 0x10000 that the machine allows.
+ * which is 65536 on most machines and unknown at link time. The pages below
+ * 0x10000 that the machine allows are reserved as the process starts (below)
+ * and handed over with the rest.
  */
 #define WINE_DOS_START 0x00010000
 #define WINE_DOS_END 0x40001000
@@ -23,6 +24,22 @@
     .section .wine_sharedheap, "aw", @nobits
     .p2align 12
     .space WINE_SHAREDHEAP_LENGTH
+
+/*
+ * The pages of the DOS area below the linked segment, which the machine may
+ * allow (vm.mmap_min_addr is 4096 on some), are reserved by the first code
+ * the process runs: the executable's pre-initialisers run before any
+ * library's initialiser, so nothing but the dynamic loader's own mappings can
+ * come first, and those never go that low.
+ */
+    .section .preinit_array, "aw", @preinit_array
+#if defined(__x86_64__) || defined(__aarch64__)
+    .p2align 3
+    .quad vt_reserve_wine_low_dos_area
+#else
+    .p2align 2
+    .long vt_reserve_wine_low_dos_area
+#endif
 
 /* Nothing here is code: the stack stays non-executable. */
     .section .note.GNU-stack, "", @progbits

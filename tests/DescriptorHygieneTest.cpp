@@ -240,7 +240,7 @@ TEST_F(DescriptorHygiene, FloodsOfMalformedInputLeakNothingAndChildrenInheritOnl
     EXPECT_EQ(w.records.wineInits().at(0).pid, launcher.pid());
 
     // Every way the launcher starts a process: the window-command tool (on
-    // its two pipes), vtmenu handed back from a connection's thread, and
+    // its two pipes), vtmenu handed back for the other architecture, and
     // vtmenu and vtstart for openings now.
     open("a.txt");
     w.startLauncher({ "https://example.com/" }).waitForExit();
@@ -256,13 +256,10 @@ TEST_F(DescriptorHygiene, FloodsOfMalformedInputLeakNothingAndChildrenInheritOnl
 
 TEST(LoaderRequestDescriptors, EveryReceivedDescriptorIsCloseOnExec)
 {
-    TempDir dir;
-    auto loader = WineLoader::create((dir / "root").string(), dir.path());
-    ASSERT_TRUE(loader);
     int pair[2];
     ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair), 0);
-    Fd client(pair[0]);
-    WineLoaderClientConnection connection(*loader, Fd(pair[1]));
+    Fd client(pair[0]), server(pair[1]);
+    WineLoaderClientConnection connection(kNativeWineLoaderLayout, server.get());
 
     // The flag belongs to each process's own descriptor table and does not
     // travel: the receiver sets it, or nobody does.
@@ -272,9 +269,9 @@ TEST(LoaderRequestDescriptors, EveryReceivedDescriptorIsCloseOnExec)
     ASSERT_TRUE(standin::sendCarrier(client.get(), std::vector<int>(kWineLoaderMaxDescriptors, null.get())));
     ::shutdown(client.get(), SHUT_WR);
 
-    auto request = connection.readRequest();
-    ASSERT_TRUE(request);
-    for (const Fd& fd : request->descriptors) {
+    ASSERT_EQ(connection.readAvailable(), WineLoaderClientConnection::State::Complete);
+    WineLoaderRequest request = connection.takeRequest();
+    for (const Fd& fd : request.descriptors) {
         ASSERT_TRUE(fd);
         EXPECT_EQ(::fcntl(fd.get(), F_GETFD) & FD_CLOEXEC, FD_CLOEXEC) << "descriptor " << fd.get();
     }
@@ -434,7 +431,7 @@ TEST_F(DescriptorHygiene, AnotherUserIsRefusedOnBothSockets)
         return 0;
     });
 
-    EXPECT_TRUE(w.waitForLog("WineLoader::acceptConnections: refused a connection from uid 65534"));
+    EXPECT_TRUE(w.waitForLog("-[WineLoader acceptConnections]: refused a connection from uid 65534"));
     EXPECT_TRUE(w.waitForLog("Refused a connection to the launchnotifysocket from uid 65534"))
         << "the tray watcher's check";
     EXPECT_EQ(occurrences(log(), "Failed to load"), 1u) << "nothing of the stranger's request was read";
@@ -462,7 +459,7 @@ TEST_F(DescriptorHygiene, RunningOutOfDescriptorsIsLoggedOnceAndSurvived)
     // A loader connects and waits in the backlog; a document opened meanwhile
     // gets no process.
     auto waiting = std::async(std::launch::async, [&] { return soundRequest(loaderSocket); });
-    ASSERT_TRUE(w.waitForLog("WineLoader::acceptConnections: accept failed; errno 24 (Too many open files); trying "
+    ASSERT_TRUE(w.waitForLog("-[WineLoader acceptConnections]: accept failed; errno 24 (Too many open files); trying "
                              "again until it works"))
         << log();
     size_t menus = w.records.tools("vtmenu").size();
