@@ -2,7 +2,9 @@
 // stand-in vtmenu plays the Wine loader and hands its start over through the
 // loader socket, and the stand-in Wine library's wine_init, running inside
 // the launcher, records what it was given and registers its controller.
+#include <algorithm>
 #include <csignal>
+#include <fstream>
 
 #include <fcntl.h>
 #include <sys/socket.h>
@@ -26,6 +28,18 @@ std::string hex(uint64_t value)
     char text[32];
     std::snprintf(text, sizeof text, "0x%llx", static_cast<unsigned long long>(value));
     return text;
+}
+
+// The names of a process's threads, one per thread.
+Strings threadNames(pid_t pid)
+{
+    Strings names;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task")) {
+        std::string name;
+        std::getline(std::ifstream(task.path() / "comm"), name);
+        names.push_back(name);
+    }
+    return names;
 }
 
 class LoaderHandOver : public ::testing::Test {
@@ -54,6 +68,11 @@ TEST_F(LoaderHandOver, ATypicalLaunchEndsWithWineRunningInsideTheLauncher)
 
     EXPECT_EQ(wine.pid, launcher.pid());
     EXPECT_FALSE(wine.mainThread);
+    // Wine has the one thread of its own; nothing else of the loader's waits
+    // on a thread.
+    Strings threads = threadNames(launcher.pid());
+    EXPECT_EQ(std::count(threads.begin(), threads.end(), "vt-wine"), 1) << testing::PrintToString(threads);
+    EXPECT_EQ(std::count(threads.begin(), threads.end(), "vt-loader"), 0) << testing::PrintToString(threads);
     Strings expectedArguments {
         (w.mainApp / "Contents/SharedSupport/Vantor/bin" / kNativeWineLoaderLayout.defaultLoader).string()
     };
@@ -83,6 +102,8 @@ TEST_F(LoaderHandOver, ATypicalLaunchEndsWithWineRunningInsideTheLauncher)
 
     // The socket has gone with the hand-over; later processes are told of none.
     std::string socket = menu.environment.at("VT_APPRUNNER_ALT_LOADER_SOCKET");
+    // The loader records the answer as Wine starts, in a race with it.
+    ASSERT_TRUE(w.records.waitFor("loader", 1));
     EXPECT_EQ(w.records.all("loader").at(0).value("outcome"), "proceed");
     EXPECT_FALSE(std::filesystem::exists(socket));
     w.startLauncher({ (w.dir / "a.pdf").string() }).waitForExit();
