@@ -13,6 +13,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "base/MainLoop.hpp"
 #include "base/PlatformLog.hpp"
 #include "base/VTLog.hpp"
 #include "base/posix_glue.hpp"
@@ -356,6 +357,8 @@ void WineLoader::startWine(Pending pending, WineLoaderRequest request)
                               std::strerror(e.code().value())));
         return;
     }
+    // Queued before anything the Wine thread queues can run: the owner
+    // hears of the start before it hears of wine_init's failure.
     m_wineRunsInside = true;
     runOnMain([loader = weak_from_this()] {
         auto self = loader.lock();

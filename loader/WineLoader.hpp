@@ -4,13 +4,13 @@
 // launcher are one process.
 //
 // Everything up to wine_init happens on the main loop: accepting (at most
-// kWineLoaderMaxOpenConnections at once, each with kWineLoaderRequestDeadline to deliver its
-// whole request, or it is closed), reading each request as its bytes arrive
-// (WineLoaderClientConnection), the single hand-over, the answer, and every
-// change the hand-over makes to the process (Wine's address ranges, the
-// working directory, the environment, the standard descriptors). Only then
-// does one thread, "vt-wine", call wine_init, which does not return while
-// Wine runs. Exactly one connection ever takes the start over: the first
+// kWineLoaderMaxOpenConnections at once, each given
+// kWineLoaderRequestDeadline to deliver its whole request, or it is closed),
+// reading each request as its bytes arrive (WineLoaderClientConnection), the
+// single hand-over, the answer, and every change the hand-over makes to the
+// process (Wine's address ranges, the working directory, the environment,
+// the standard descriptors). Only then does one thread, "vt-wine", call
+// wine_init, which does not return while Wine runs. Exactly one connection ever takes the start over: the first
 // sound request to be read whole; from then on the server has no socket, no
 // file and no path, and nothing more can be handed over.
 #pragma once
@@ -23,7 +23,6 @@
 #include <memory>
 #include <string>
 
-#include "base/MainLoop.hpp"
 #include "base/NotificationCenter.hpp"
 #include "base/UnixSocketListener.hpp"
 #include "loader/WineLoaderClientConnection.hpp"
@@ -58,14 +57,16 @@ struct WineLoaderCallbacks {
     // Wine now runs inside this process: a request was taken over and
     // the Wine thread calls wine_init. wineRunsInside() is true.
     std::function<void()> wineStarted;
-    // A hand-over failed after the loader had been told to proceed (the
-    // answer could not be sent, a malformed environment string, no Wine
-    // thread, or wine_init returned): no Windows program runs inside this
-    // process and none ever can, since the server is spent. `reason` is
-    // what was logged.
+    // A hand-over failed once decided (the answer could not be sent, a
+    // malformed environment string, no Wine thread, or wine_init returned,
+    // heard after wineStarted): no Windows program runs inside this process
+    // and none ever can, since the server is spent. `reason` is what was
+    // logged.
     std::function<void(const std::string& reason)> handOverFailed;
 };
 
+// The launcher takes the defaults; tests choose the other word size's rules
+// or shorter deadlines.
 struct WineLoaderSettings {
     const WineLoaderLayout* layout = &kNativeWineLoaderLayout;
     std::chrono::milliseconds requestDeadline = kWineLoaderRequestDeadline;
@@ -82,13 +83,6 @@ public:
     // Main thread.
     static std::shared_ptr<WineLoader> create(std::string vantorRoot, const std::filesystem::path& directory,
                                               Callbacks callbacks = {}, const Settings& settings = {});
-    static std::shared_ptr<WineLoader> create(std::string vantorRoot, const std::filesystem::path& directory,
-                                              const WineLoaderLayout& layout)
-    {
-        Settings settings;
-        settings.layout = &layout;
-        return create(std::move(vantorRoot), directory, {}, settings);
-    }
     // Stops listening and removes the socket file. A Wine thread already
     // started runs on; what it reports afterwards goes nowhere.
     ~WineLoader();
