@@ -286,15 +286,18 @@ std::string VTFBHelperDelegate::wineLoaderSocketPath()
         return {};
     if (!m_wineLoader) {
         auto directory = m_privateDirectory.path();
-        m_wineLoader = directory ? WineLoader::create(m_settings.vantorRoot.value_or(""), *directory) : nullptr;
+        m_wineLoader = directory ? WineLoader::create(m_settings.vantorRoot.value_or(""), *directory,
+                                                      WineLoader::Callbacks {
+            .rejectedRequestForWrongArchitecture =
+                [this](const std::string& architecture) { m_program.handBackForArchitecture(architecture); },
+            .wineStarted = [] { VTLog("Wine runs inside the launcher now"); },
+            .handOverFailed = [this](const std::string&) { wineHandOverFailed(); },
+        })
+                                 : nullptr;
         if (!m_wineLoader) {
             VTLog("no loader socket: Wine runs in processes of its own");
             return {};
         }
-        // Runs on the loader's connection thread.
-        m_wrongArchitectureObservation = NotificationCenter::defaultCenter().addObserver(
-            WineLoaderRejectedRequestForWrongArchitectureNotification, m_wineLoader.get(),
-            [this](const Notification& notification) { wineLoaderRejectedRequestForWrongArchitecture(notification); });
     }
     return m_wineLoader->socketPath();
 }
@@ -335,16 +338,12 @@ bool VTFBHelperDelegate::applicationShouldHandleReopen(Application&, bool hasVis
     return m_application.wineControllerShouldHandleReopen(hasVisibleWindows).value_or(true);
 }
 
-void VTFBHelperDelegate::wineLoaderRejectedRequestForWrongArchitecture(const Notification& notification)
+void VTFBHelperDelegate::wineHandOverFailed()
 {
-    auto found = notification.userInfo.find(WineLoaderRequestedArchitectureKey);
-    const auto* architecture
-        = found == notification.userInfo.end() ? nullptr : std::any_cast<std::string>(&found->second);
-    if (!architecture) {
-        platformLog("Cannot hand the program back to vtmenu for another architecture: its settings are incomplete.");
-        return;
-    }
-    m_program.handBackForArchitecture(*architecture);
+    // The loader is spent and no program runs inside: once the tools have
+    // ended too there is nothing left for the launcher to stand for.
+    if (!m_program.isRunning())
+        programEnded();
 }
 
 void VTFBHelperDelegate::programEnded()
@@ -370,7 +369,7 @@ bool VTFBHelperDelegate::programIsRunning() const
     return m_program.isRunning() || wineRunsInside();
 }
 
-bool VTFBHelperDelegate::wineRunsInside() const { return m_wineLoader && m_wineLoader->socketPath().empty(); }
+bool VTFBHelperDelegate::wineRunsInside() const { return m_wineLoader && m_wineLoader->wineRunsInside(); }
 
 void VTFBHelperDelegate::applicationDidBecomeActive()
 {

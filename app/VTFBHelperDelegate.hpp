@@ -45,7 +45,6 @@ public:
     void openFiles(Application& application, const std::vector<std::string>& paths) override;
     void handleGetURLEvent(const std::string& url);
     bool applicationShouldHandleReopen(Application& application, bool hasVisibleWindows) override;
-    void wineLoaderRejectedRequestForWrongArchitecture(const Notification& notification);
 
     // Activation raises the program's windows, or clicks its oldest tray icon.
     void applicationDidBecomeActive() override;
@@ -76,6 +75,8 @@ private:
     void finishStartUp();
     // The program runs: a tracked process, or Wine inside the launcher.
     bool programIsRunning() const;
+    // A loader's hand-over failed after it was decided.
+    void wineHandOverFailed();
     // The end-of-session commands are done: the quit question's answer.
     void endOfSessionEnded(bool agreed);
     void findProductTools();
@@ -120,8 +121,6 @@ private:
 
     WindowsProgram m_program;
     WindowCommandChannel m_windowCommands;
-    // Its handler hands the program back through m_program, so it goes first.
-    Observation m_wrongArchitectureObservation;
 };
 
 } // namespace vt
