@@ -208,3 +208,35 @@ TEST_F(LoaderHandOver, QuittingBeforeAnyHandOverLeavesNoSocketBehind)
     EXPECT_EQ(launcher.waitForExit(), 0);
     EXPECT_FALSE(std::filesystem::exists(socket.parent_path()));
 }
+
+TEST_F(LoaderHandOver, WithWineInsideAQuitGoesThroughTheWindowCommandsAlsoWhenTheToolsHaveEnded)
+{
+    // The controller answers no quit question (it need not): the launcher
+    // asks the program itself, although its tools are gone.
+    TestProcess& launcher = launchIntoWine();
+    ::kill(w.records.tools("vtmenu").at(0).pid, SIGTERM);
+    ASSERT_TRUE(w.waitForLog("Wine runs inside the launcher, which stays")) << w.launcherLog();
+    size_t seen = w.records.commandTexts().size();
+    launcher.signal(SIGTERM);
+    EXPECT_EQ(launcher.waitForExit(), 0) << w.launcherLog();
+    auto texts = w.records.commandTexts();
+    EXPECT_EQ(Strings(texts.begin() + static_cast<std::ptrdiff_t>(seen), texts.end()),
+              (Strings { "close", "queryendsession", "endsession", "shutdown" }));
+}
+
+TEST_F(LoaderHandOver, AHandOverThatFailsOnceDecidedEndsTheLauncherWithItsTools)
+{
+    w.serverDictionary["VT_STANDIN_WINE"] = "fail";
+    TestProcess& launcher = launchIntoWine();
+    ASSERT_TRUE(w.waitForLog("wine_init failed")) << w.launcherLog();
+    // The failure is a line of its own.
+    std::string log = w.launcherLog();
+    size_t failed = log.find("wine_init failed");
+    ASSERT_NE(log.find('\n', failed), std::string::npos);
+    EXPECT_EQ(log.substr(failed, log.find('\n', failed) - failed).find("] "), std::string::npos)
+        << "the next log line ran into it: " << log;
+    // Nothing runs inside: when the tools end, so does the launcher.
+    for (const auto& menu : w.records.tools("vtmenu"))
+        ::kill(menu.pid, SIGTERM);
+    EXPECT_EQ(launcher.waitForExit(), 0) << w.launcherLog();
+}
