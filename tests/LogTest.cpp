@@ -1,4 +1,6 @@
+#include <atomic>
 #include <cstdint>
+#include <cstdlib>
 #include <regex>
 #include <sstream>
 #include <thread>
@@ -123,4 +125,26 @@ TEST(VTLog, EachVariableSwitchesItOnEvenWhenEmptyAndIsReadOnlyWhenAsked)
         EXPECT_NE(capture.text().find("] still\n"), std::string::npos) << name;
         EXPECT_EQ(capture.text().find("after"), std::string::npos) << name;
     }
+}
+
+// Once Wine runs inside the launcher it changes the environment from its own
+// thread; a debug line written meanwhile must not read the environment.
+TEST(VTLog, LinesWrittenWhileAnotherThreadChangesTheEnvironmentReadNothingOfIt)
+{
+    vt::test::ScopedEnvironment env;
+    switchDebugLogging(env, nullptr);
+    std::atomic<bool> done { false };
+    std::thread writer([&] {
+        while (!done)
+            vt::VTLog("quiet %d", 1);
+    });
+    // A new name grows the environment's array, which moves it (always, under
+    // AddressSanitizer): a getenv meanwhile would read the array it left.
+    for (int i = 0; i < 20000; ++i) {
+        const std::string name = "VT_TEST_CHURN_" + std::to_string(i);
+        ::setenv(name.c_str(), "x", 1);
+        ::unsetenv(name.c_str());
+    }
+    done = true;
+    writer.join();
 }

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "base/MainLoop.hpp"
+#include "base/NotificationCenter.hpp"
 #include "standin/kit/TestSupport.hpp"
 
 using namespace std::chrono_literals;
@@ -127,4 +128,28 @@ TEST(TimeoutSource, RepeatsUntilItAnswersFalseAndMayDestroyItself)
         return true;
     });
     EXPECT_TRUE(waitUntil([&] { return fired && !self; }));
+}
+
+// Wine, inside the launcher, ends the process with exit() on its own thread
+// while other threads may still post: what they post into must still be
+// whole when the static destructors have run.
+TEST(MainQueue, ThreadsThatPostWhileTheProcessExitsFindTheQueueAndTheCentreWhole)
+{
+    EXPECT_EXIT(
+        {
+            std::atomic<bool> posting { false };
+            for (int i = 0; i < 2; ++i) {
+                std::thread([&posting] {
+                    for (;;) {
+                        vt::runOnMain([] {});
+                        vt::NotificationCenter::defaultCenter().post("vt test notice", nullptr);
+                        posting = true;
+                    }
+                }).detach();
+            }
+            while (!posting)
+                std::this_thread::yield();
+            std::exit(0);
+        },
+        ::testing::ExitedWithCode(0), "");
 }
