@@ -74,7 +74,7 @@ void NotificationCenter::remove(Observation::Registration& registration) noexcep
     });
 }
 
-void NotificationCenter::post(std::string name, const void* object, std::map<std::string, std::any> userInfo)
+void NotificationCenter::post(std::string name, const void* object, std::map<std::string, std::string> userInfo)
 {
     post(Notification { std::move(name), object, std::move(userInfo) });
 }

@@ -5,9 +5,13 @@
 // A registration is an Observation, a move-only object that removes it when
 // it goes away: nobody removes observers by hand on each failure path, and
 // nothing is keyed by an observer's address.
+//
+// It carries only the notifications other parties see: the application's
+// life-cycle (a Wine controller receives them), the process wrapper's
+// termination notice and the loader's wrong-architecture notification. The
+// launcher's own collaborators are wired with typed callbacks instead.
 #pragma once
 
-#include <any>
 #include <condition_variable>
 #include <functional>
 #include <map>
@@ -22,7 +26,10 @@ namespace vt {
 struct Notification {
     std::string name;
     const void* object = nullptr;
-    std::map<std::string, std::any> userInfo;
+    // The user-info dictionary. Its values are texts: the notifications the
+    // launcher posts for others carry nothing else (the loader's refused
+    // architecture), and a typed value cannot be taken for another type.
+    std::map<std::string, std::string> userInfo;
 };
 
 class NotificationCenter;
@@ -69,7 +76,7 @@ public:
     // Handlers run without any lock held: they may post, observe and remove
     // observations freely. An exception from a handler reaches the poster.
     void post(const Notification& notification);
-    void post(std::string name, const void* object, std::map<std::string, std::any> userInfo = {});
+    void post(std::string name, const void* object, std::map<std::string, std::string> userInfo = {});
 
 private:
     friend class Observation;

@@ -22,7 +22,7 @@ TEST(NotificationCenter, MatchesByNameAndObjectAndCarriesUserInfo)
     std::vector<std::string> seen;
     auto exact = center.addObserver("Ping", &senderA, [&](const Notification& n) { seen.push_back("exact:" + n.name); });
     auto anyObject = center.addObserver("Ping", nullptr, [&](const Notification& n) {
-        seen.push_back("any-object:" + std::any_cast<std::string>(n.userInfo.at("key")));
+        seen.push_back("any-object:" + n.userInfo.at("key"));
     });
     auto anyName = center.addObserver("", &senderA, [&](const Notification& n) { seen.push_back("any-name:" + n.name); });
 

@@ -259,7 +259,7 @@ TEST_F(WineLoaderTest, TheOtherArchitectureIsPostedOnTheMainThreadAndTheServerLi
     Observation observation = NotificationCenter::defaultCenter().addObserver(
         WineLoaderRejectedRequestForWrongArchitectureNotification, loader.get(), [&](const Notification& n) {
             onMainThread = isMainThread();
-            asked.push_back(std::any_cast<std::string>(n.userInfo.at(WineLoaderRequestedArchitectureKey)));
+            asked.push_back(n.userInfo.at(WineLoaderRequestedArchitectureKey));
         });
     EXPECT_EQ(send(request(kNativeWineLoaderLayout.otherRequest)), std::nullopt);
     ASSERT_TRUE(waitUntil([&] { return !asked.empty() && !reports.wrongArchitecture.empty(); }));
