@@ -176,9 +176,27 @@ TEST_F(LoaderHandOver, TheOtherArchitectureGoesBackToVtmenuAndTheRightLoaderIsSt
     EXPECT_EQ(repair.environment, w.serverDictionary) << "none of the launcher's own variables";
     EXPECT_EQ(repair.standardInput, "null");
 
-    // The right loader after it is served.
+    // More loaders of the other architecture while that vtmenu runs start no more of them.
     std::string socket = w.records.tools("vtmenu").at(0).environment.at("VT_APPRUNNER_ALT_LOADER_SOCKET");
     Fd null(::open("/dev/null", O_RDWR | O_CLOEXEC));
+    for (int again = 0; again < 5; ++again) {
+        int otherPair[2];
+        ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, otherPair), 0);
+        Fd otherServer(otherPair[0]), otherClient(otherPair[1]);
+        standin::sendLoaderRequest(socket, kNativeWineLoaderLayout.otherRequest, "/", {}, { "", "app.exe" },
+                                   { null.get(), null.get(), null.get(), otherServer.get() });
+    }
+    auto askedAgain = [&] {
+        std::string log = w.launcherLog();
+        size_t count = 0;
+        for (size_t at = log.find("is not asked again"); at != std::string::npos; at = log.find("is not asked again", at + 1))
+            ++count;
+        return count;
+    };
+    ASSERT_TRUE(waitUntil([&] { return askedAgain() == 5; })) << w.launcherLog();
+    EXPECT_EQ(w.records.tools("vtmenu").size(), 2u);
+
+    // The right loader after it is served.
     int pair[2];
     ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair), 0);
     Fd server(pair[0]), client(pair[1]);
