@@ -239,6 +239,16 @@ TEST_F(Tray, WhileTheProgramAsksSaveChangesTheDesktopAndASecondLaunchAreServed)
     watcher.activate(10, 10);
     ASSERT_TRUE(waitUntil([&] { return raises() == before + 1; })) << w.launcherLog();
     EXPECT_EQ(w.records.commandTexts().size(), seen + 2) << "the activation's commands wait for their turn";
+    // Quit requests are still heard (a logout's SIGTERM, the menu): the
+    // question already asked stays the one open.
+    launcher.signal(SIGTERM);
+    watcher.clickMenuItem("Quit Notepad");
+    ASSERT_TRUE(waitUntil([&] {
+        std::string log = w.launcherLog();
+        return log.find("event: menu-item quit") != std::string::npos
+            && log.find("event: quit-request") != log.rfind("event: quit-request");
+    })) << w.launcherLog();
+    EXPECT_EQ(w.records.commandTexts().size(), seen + 2);
 
     // The tool goes without answering: the quit is refused, nothing is ended.
     ASSERT_EQ(w.records.tools("wine").size(), 1u);
