@@ -235,10 +235,15 @@ void Application::activateIgnoringOtherApps()
 void Application::exitAfterTermination()
 {
     m_ending = true;
+    // One more quit signal now would only cut the ending short. Blocked
+    // while their sources go (GLib then puts the default action back) and
+    // until they are ignored, so none can slip in between.
+    const sigset_t quitSignals = quitSignalSet();
+    pthread_sigmask(SIG_BLOCK, &quitSignals, nullptr);
     m_quitSignals.clear();
-    // One more quit signal now would only cut the ending short.
     for (int signalNumber : { SIGTERM, SIGINT, SIGHUP })
         signal(signalNumber, SIG_IGN);
+    pthread_sigmask(SIG_UNBLOCK, &quitSignals, nullptr);
     m_delayedCalls.cancelAll();
     if (m_gapplication) {
         if (GDBusConnection* bus = g_application_get_dbus_connection(m_gapplication.get()))
@@ -370,11 +375,6 @@ void Application::onActivate(GApplication*, gpointer data) noexcept
 {
     auto* self = static_cast<Application*>(data);
     self->sendEventsFromMainLoop({ Event { Event::Type::Reopen, {}, {} }, Event { Event::Type::Activate, {}, {} } });
-}
-
-void Application::requestQuit()
-{
-    m_mainQueue.post([this] { sendEventsFromMainLoop({ Event { Event::Type::QuitRequest, {}, {} } }); });
 }
 
 void Application::onQuitAction(GSimpleAction*, GVariant*, gpointer data) noexcept

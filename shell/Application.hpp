@@ -99,8 +99,6 @@ public:
 
     // Asks the delegate whether to quit and acts on the reply.
     void terminate();
-    // A quit request, handled from the main loop exactly as a quit signal.
-    void requestQuit();
     void replyToApplicationShouldTerminate(bool shouldTerminate);
     void replyToOpenOrPrint(OpenReply reply);
 
