@@ -448,11 +448,19 @@ TEST_F(DescriptorHygiene, RunningOutOfDescriptorsIsLoggedOnceAndSurvived)
     // tool, on calls that GLib cannot make without a descriptor.
     ASSERT_TRUE(w.waitForLog("unhide without activation")) << log();
 
-    // Above the standard three no descriptor can be made, whichever of the
-    // launcher's others it closes meanwhile.
+    // No descriptor can be made: the launcher's lowest free number becomes
+    // its limit. (Not lower: its main loop polls several descriptors at once,
+    // and poll refuses more of them than the limit, as it never would in a
+    // real shortage.)
     rlimit normal {};
     ASSERT_EQ(::prlimit(launcher.pid(), RLIMIT_NOFILE, nullptr, &normal), 0);
-    rlimit exhausted { 3, normal.rlim_max };
+    std::set<int> taken;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/" + std::to_string(launcher.pid()) + "/fd"))
+        taken.insert(std::stoi(entry.path().filename().string()));
+    rlim_t lowestFree = 0;
+    while (taken.count(static_cast<int>(lowestFree)))
+        ++lowestFree;
+    rlimit exhausted { lowestFree, normal.rlim_max };
     if (::prlimit(launcher.pid(), RLIMIT_NOFILE, &exhausted, nullptr) != 0)
         GTEST_SKIP() << "cannot change the launcher's limits: " << std::strerror(errno);
 

@@ -388,14 +388,8 @@ TEST_F(LaunchNotifySocketTest, RunningOutOfDescriptorsOnAcceptIsSaidOnceAndServi
         return n;
     };
 
-    // No descriptor is free from here on: the lowest free number becomes the limit.
-    rlimit saved {};
-    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &saved), 0);
-    Fd probe(::dup(0));
-    rlimit lowered = saved;
-    lowered.rlim_cur = rlim_t(probe.get());
-    probe.reset();
-    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &lowered), 0);
+    NoFreeDescriptors shortage;
+    ASSERT_TRUE(shortage.active());
     // Connecting needs no new descriptor on this side; accepting does. The
     // senders stay open, so that no descriptor comes free meanwhile.
     bool written = true;
@@ -411,7 +405,7 @@ TEST_F(LaunchNotifySocketTest, RunningOutOfDescriptorsOnAcceptIsSaidOnceAndServi
     waitUntil([&] { return std::chrono::steady_clock::now() >= retried; });
     const size_t saidWhileShort = refusals();
     const size_t appliedWhileShort = receiver.calls.size();
-    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &saved), 0);
+    shortage.restore();
     EXPECT_TRUE(written);
     EXPECT_TRUE(said);
     EXPECT_EQ(saidWhileShort, 1u);

@@ -87,6 +87,14 @@ protected:
         ASSERT_TRUE(watcher.waitForSignal("NewIcon", icons + 1)) << w.launcherLog();
     }
 
+    // How often the helper server was asked to raise the launcher's windows.
+    long raisesOf(TestProcess& launcher) const
+    {
+        const std::string raise = "RaiseWindowsWithTag " + std::to_string(launcher.pid());
+        auto calls = w.records.texts("call");
+        return static_cast<long>(std::count(calls.begin(), calls.end(), raise));
+    }
+
     StandinWorld w;
     StatusNotifierWatcher watcher { w.bus.address() };
     std::string socket;
@@ -154,14 +162,9 @@ TEST_F(Tray, ActivationRaisesTheWindowsOrClicksTheOldestTrayIcon)
 
     // With a window to show, the windows are raised and no icon is clicked.
     w.setAnswer("haswindows", "1");
-    std::string raise = "RaiseWindowsWithTag " + std::to_string(launcher.pid());
-    auto raises = [&] {
-        auto calls = w.records.texts("call");
-        return std::count(calls.begin(), calls.end(), raise);
-    };
-    auto before = raises();
+    auto before = raisesOf(launcher);
     watcher.activate(10, 10);
-    ASSERT_TRUE(waitUntil([&] { return raises() == before + 1; }));
+    ASSERT_TRUE(waitUntil([&] { return raisesOf(launcher) == before + 1; }));
     ASSERT_TRUE(w.records.waitFor("request", seen + 3));
     EXPECT_EQ(w.records.commandTexts().size(), seen + 3);
 }
@@ -230,14 +233,9 @@ TEST_F(Tray, WhileTheProgramAsksSaveChangesTheDesktopAndASecondLaunchAreServed)
     EXPECT_EQ(w.startLauncher().waitForExit(), 0);
     EXPECT_TRUE(w.waitForLog("event: reopen")) << w.launcherLog();
     // A click on the icon brings the program's windows, and so its question, forward at once.
-    std::string raise = "RaiseWindowsWithTag " + std::to_string(launcher.pid());
-    auto raises = [&] {
-        auto calls = w.records.texts("call");
-        return std::count(calls.begin(), calls.end(), raise);
-    };
-    auto before = raises();
+    auto before = raisesOf(launcher);
     watcher.activate(10, 10);
-    ASSERT_TRUE(waitUntil([&] { return raises() == before + 1; })) << w.launcherLog();
+    ASSERT_TRUE(waitUntil([&] { return raisesOf(launcher) == before + 1; })) << w.launcherLog();
     EXPECT_EQ(w.records.commandTexts().size(), seen + 2) << "the activation's commands wait for their turn";
     // Quit requests are still heard (a logout's SIGTERM, the menu): the
     // question already asked stays the one open.

@@ -290,14 +290,8 @@ TEST_F(UnixSocketListenerTest, RunningOutOfDescriptorsIsReportedOnceRetriedAndRe
     ASSERT_TRUE(waitUntil([&] { return owner.acceptedCount == 1; }));
     Fd sender(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
 
-    // No descriptor is free from here on: the lowest free number becomes the limit.
-    rlimit saved {};
-    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &saved), 0);
-    Fd probe(::dup(0));
-    rlimit lowered = saved;
-    lowered.rlim_cur = rlim_t(probe.get());
-    probe.reset();
-    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &lowered), 0);
+    NoFreeDescriptors shortage;
+    ASSERT_TRUE(shortage.active());
     // Connecting needs no new descriptor on this side; accepting does.
     const sockaddr_un address = addressOf(path);
     const bool connected = ::connect(sender.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
@@ -311,7 +305,7 @@ TEST_F(UnixSocketListenerTest, RunningOutOfDescriptorsIsReportedOnceRetriedAndRe
     ::send(first.get(), "a", 1, MSG_NOSIGNAL);
     runFor(5 * UnixSocketListener::kAcceptRetryInterval);
     const size_t acceptedWhileShort = owner.acceptedCount;
-    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &saved), 0);
+    shortage.restore();
 
     EXPECT_TRUE(connected);
     ASSERT_TRUE(reported);

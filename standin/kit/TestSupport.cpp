@@ -263,4 +263,23 @@ bool waitUntil(const std::function<bool()>& done, std::chrono::milliseconds time
     return true;
 }
 
+NoFreeDescriptors::NoFreeDescriptors()
+{
+    if (::getrlimit(RLIMIT_NOFILE, &m_saved) != 0)
+        return;
+    int probe = ::dup(0);
+    if (probe < 0)
+        return;
+    rlimit lowered = m_saved;
+    lowered.rlim_cur = static_cast<rlim_t>(probe);
+    ::close(probe);
+    m_active = ::setrlimit(RLIMIT_NOFILE, &lowered) == 0;
+}
+
+void NoFreeDescriptors::restore()
+{
+    if (std::exchange(m_active, false))
+        ::setrlimit(RLIMIT_NOFILE, &m_saved);
+}
+
 } // namespace vt::test

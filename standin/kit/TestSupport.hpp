@@ -3,6 +3,8 @@
 // and waiting on the main loop.
 #pragma once
 
+#include <sys/resource.h>
+
 #include <chrono>
 #include <filesystem>
 #include <functional>
@@ -48,6 +50,22 @@ private:
     TempDir m_dir;
     std::filesystem::path m_file;
     Fd m_saved;
+};
+
+// While it is active no descriptor is free in this process: the lowest free
+// number becomes the limit of open descriptors. The limit comes back with
+// restore() or at the end of the scope.
+class NoFreeDescriptors {
+public:
+    NoFreeDescriptors();
+    ~NoFreeDescriptors() { restore(); }
+    NoFreeDescriptors(NoFreeDescriptors&&) = delete; // neither copied nor moved
+    bool active() const { return m_active; }
+    void restore();
+
+private:
+    rlimit m_saved {};
+    bool m_active = false;
 };
 
 // Sets or unsets environment variables for the scope and restores them after.
