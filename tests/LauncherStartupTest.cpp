@@ -92,6 +92,11 @@ TEST(LauncherStartup, WaitsForTheBottleThenGoesOn)
 
     auto polls = w.records.times("call", "IsServerReadyForBottle Office");
     EXPECT_EQ(polls.size(), 4u);
+    // Each process of start-up (the window-command tool, vtmenu) was given
+    // an environment asked for it alone.
+    ASSERT_TRUE(w.records.waitForTools(2)) << w.launcherLog();
+    auto calls = w.records.texts("call");
+    EXPECT_EQ(std::count(calls.begin(), calls.end(), "GetEnvironmentForXConnection"), 2) << testing::PrintToString(calls);
     expectAboutOneSecondApart(polls);
     // The tools are those of the registered main application.
     EXPECT_NE(w.launcherLog().find("tools in " + (w.mainApp / "Contents/SharedSupport/Vantor").string()),
