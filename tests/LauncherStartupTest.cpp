@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include "loader/WineLoaderProtocol.hpp"
 #include "standin/kit/StandinWorld.hpp"
 
 using namespace std::chrono_literals;
@@ -280,9 +281,14 @@ TEST(LauncherStartup, WhatComesWhileItWaitsIsDeliveredAfterwardsInOrder)
 TEST(LauncherStartup, AnIdleLauncherHasGLibsThreadsAndItsOwnMainThreadOnly)
 {
     StandinWorld w;
+    // Before any hand-over: without Wine's library vtmenu's request is
+    // refused, read whole, and Wine runs in processes of its own.
+    std::filesystem::remove(w.mainApp / "Contents/SharedSupport/Vantor" / vt::kNativeWineLoaderLayout.libraryDirectory
+                            / vt::kWineLibraryName);
     auto& launcher = startedLauncher(w);
     ASSERT_TRUE(w.records.waitForTools(2)) << w.launcherLog();
-    // The tray socket's and the item's work are there too by now.
+    // The loader's, the tray socket's and the item's work are there too by now.
+    ASSERT_TRUE(w.waitForLog("Failed to load")) << w.launcherLog();
     ASSERT_TRUE(w.waitForLog("event: activate")) << w.launcherLog();
     std::vector<std::string> names;
     for (const auto& task : std::filesystem::directory_iterator("/proc/" + std::to_string(launcher.pid()) + "/task"))
