@@ -68,7 +68,8 @@ public:
     bool isServerReadyForBottle(const std::string& bottleName);
     // The same question, answered on the default main context: the answer,
     // or none and the error's text. Not called once `cancellable` has been
-    // cancelled.
+    // cancelled. A bottle name D-Bus cannot carry is refused at once, from
+    // inside this call.
     void isServerReadyForBottleAsync(const std::string& bottleName, GCancellable* cancellable,
                                      std::function<void(std::optional<bool> ready, const std::string& error)> done);
     // One-way: sent without waiting for the server, which does not answer.

@@ -1,10 +1,12 @@
 #include <atomic>
 #include <csignal>
 #include <latch>
+#include <optional>
 #include <thread>
 
 #include <gtest/gtest.h>
 
+#include "base/MainLoop.hpp"
 #include "shell/HelperServerClient.hpp"
 #include "standin/kit/Records.hpp"
 #include "standin/kit/TestSupport.hpp"
@@ -169,3 +171,49 @@ TEST(HelperServerLookUp, FindsNothingWithoutASessionBus)
     EXPECT_EQ(HelperServerClient::lookUp(), nullptr);
 }
 
+
+TEST_F(HelperServerClientTest, StartUpsQuestionsAreAnsweredOnTheMainLoop)
+{
+    // The main loop turns while each question is out; the answer comes there.
+    auto lookUpNow = [] {
+        std::optional<std::unique_ptr<HelperServerClient>> found;
+        HelperServerClient::lookUpAsync(nullptr, [&](std::unique_ptr<HelperServerClient> client) {
+            EXPECT_TRUE(vt::isMainThread());
+            found = std::move(client);
+        });
+        EXPECT_TRUE(waitUntil([&] { return found.has_value(); }));
+        return found ? std::move(*found) : nullptr;
+    };
+    EXPECT_EQ(lookUpNow(), nullptr);
+    startServer({ { "VT_STANDIN_NOT_READY", "1" } });
+    auto client = lookUpNow();
+    ASSERT_TRUE(client);
+
+    std::vector<std::string> answers;
+    auto ask = [&](const std::string& bottle) {
+        client->isServerReadyForBottleAsync(bottle, nullptr, [&](std::optional<bool> ready, const std::string& error) {
+            answers.push_back(ready ? (*ready ? "ready" : "not ready") : "error: " + error);
+        });
+    };
+    ask("Office");
+    ask("Office");
+    ask("Steam\xff");
+    ASSERT_TRUE(waitUntil([&] { return answers.size() == 3; }));
+    EXPECT_EQ(answers, (std::vector<std::string> { "error: IsServerReadyForBottle: the bottle name is not valid UTF-8",
+                                                   "not ready", "ready" }))
+        << "a name D-Bus cannot carry is refused at once, without a call";
+
+    // Cancelled: the answer goes nowhere.
+    vt::GPtr<GCancellable> cancellable = vt::adopt(g_cancellable_new());
+    bool answered = false;
+    client->isServerReadyForBottleAsync("Office", cancellable.get(),
+                                        [&](std::optional<bool>, const std::string&) { answered = true; });
+    g_cancellable_cancel(cancellable.get());
+    bool ticked = false;
+    vt::TimeoutSource tick("test tick", std::chrono::milliseconds(200), [&] {
+        ticked = true;
+        return false;
+    });
+    ASSERT_TRUE(waitUntil([&] { return ticked; }));
+    EXPECT_FALSE(answered);
+}
