@@ -388,7 +388,12 @@ void VTFBHelperDelegate::applicationDidBecomeActive()
             platformLog("Cannot ask the Vantor helper server to raise the program's windows: %s.", error.what());
         }
     }
-    m_windowCommands.sendMessageToTaggedWindows("haswindows", [this](bool hasWindows) {
+    // The icon the user could see when clicking, not one that came while
+    // the tool was answering.
+    std::optional<std::string> clickOldestIcon;
+    if (!iconList().empty())
+        clickOldestIcon = activateSystrayCommand(iconList().front());
+    m_windowCommands.sendMessageToTaggedWindows("haswindows", [this, clickOldestIcon](bool hasWindows) {
         if (hasWindows) {
             activateMainApplication();
             m_application.hide();
@@ -396,8 +401,8 @@ void VTFBHelperDelegate::applicationDidBecomeActive()
             return;
         }
         // No window to raise: a click on the oldest tray icon is the next best thing.
-        if (!iconList().empty())
-            m_windowCommands.sendMessageToTaggedWindows(activateSystrayCommand(iconList().front()));
+        if (clickOldestIcon)
+            m_windowCommands.sendMessageToTaggedWindows(*clickOldestIcon);
     });
 }
 

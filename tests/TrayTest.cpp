@@ -166,7 +166,8 @@ TEST_F(Tray, ActivationRaisesTheWindowsOrClicksTheOldestTrayIcon)
     watcher.activate(10, 10);
     ASSERT_TRUE(waitUntil([&] { return raisesOf(launcher) == before + 1; }));
     ASSERT_TRUE(w.records.waitFor("request", seen + 3));
-    EXPECT_EQ(w.records.commandTexts().size(), seen + 3);
+    EXPECT_EQ(w.records.commandTexts().size(), seen + 3)
+        << testing::PrintToString(w.records.commandTexts()) << w.launcherLog();
 }
 
 TEST_F(Tray, TheMenusQuitItemEndsTheSessionLikeAQuitSignal)
