@@ -234,6 +234,8 @@ TEST_F(LoaderHandOver, WithWineInsideAQuitGoesThroughTheWindowCommandsAlsoWhenTh
     TestProcess& launcher = launchIntoWine();
     ::kill(w.records.tools("vtmenu").at(0).pid, SIGTERM);
     ASSERT_TRUE(w.waitForLog("Wine runs inside the launcher, which stays")) << w.launcherLog();
+    // The launch's own activation has asked for windows.
+    ASSERT_TRUE(w.records.waitFor("request", 1)) << w.launcherLog();
     size_t seen = w.records.commandTexts().size();
     launcher.signal(SIGTERM);
     EXPECT_EQ(launcher.waitForExit(), 0) << w.launcherLog();
