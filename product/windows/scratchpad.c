@@ -20,8 +20,9 @@
  *                       whether to save it (Yes saves and ends, No drops the
  *                       text and ends, Cancel keeps the program and its text).
  *
- * It shows an icon in the tray while it runs; a click on the icon brings the
- * window forward.
+ * It shows an icon in the tray while it runs. Minimized, it lives in that
+ * icon alone: the window is hidden, as tray programs do; a click on the icon
+ * brings the window forward again.
  */
 #ifndef UNICODE
 #define UNICODE
@@ -222,7 +223,10 @@ static LRESULT CALLBACK windowProcedure(HWND window, UINT message, WPARAM wParam
         SendMessageW(editBox, EM_SETLIMITTEXT, 0, 0);
         return 0;
     case WM_SIZE:
-        MoveWindow(editBox, 0, 0, LOWORD(lParam), HIWORD(lParam), TRUE);
+        if (wParam == SIZE_MINIMIZED)
+            ShowWindow(window, SW_HIDE);
+        else
+            MoveWindow(editBox, 0, 0, LOWORD(lParam), HIWORD(lParam), TRUE);
         return 0;
     case WM_SETFOCUS:
         SetFocus(editBox);
