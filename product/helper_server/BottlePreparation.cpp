@@ -87,12 +87,17 @@ void BottlePreparation::start(const std::string& bottle, const std::filesystem::
     setUp->prefix = prefix;
     // Wine's own set-up gives Notepad the text documents' type but never
     // names .txt as one, so a text file opened in the bottle would find no
-    // program. wineboot ends before the bottle's wineserver does, and the
-    // server keeps the registry in memory until it ends: only then is the
-    // prefix whole.
+    // program. Where the desktop has no tray of its own, Wine puts the
+    // programs' icons in a window of its own, beside the launcher's badges
+    // for the same icons. wineboot ends before the bottle's wineserver does,
+    // and the server keeps the registry in memory until it ends: only then
+    // is the prefix whole.
     setUp->steps = {
         { "wineboot --init", { wine.string(), "wineboot", "--init" } },
         { "text documents to Notepad", { wine.string(), "reg", "add", "HKCR\\.txt", "/ve", "/d", "txtfile", "/f" } },
+        { "no Wine System Tray window",
+          { wine.string(), "reg", "add", "HKCU\\Software\\Wine\\X11 Driver", "/v", "ShowSystray", "/t", "REG_SZ",
+            "/d", "N", "/f" } },
         { "wineserver -w", { wineServer(wine).string(), "-w" } },
     };
     setUp->started = std::chrono::steady_clock::now();

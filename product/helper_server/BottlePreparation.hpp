@@ -4,6 +4,10 @@
 //
 //   <wine> wineboot --init          Wine's own first set-up of the prefix
 //   <wine> reg add HKCR\.txt ...    text documents open in Notepad
+//   <wine> reg add "HKCU\Software\Wine\X11 Driver" /v ShowSystray ... N
+//                                   no captioned "Wine System Tray" window:
+//                                   the launcher shows the programs' tray
+//                                   icons itself
 //   <wineserver> -w                 until the bottle's wineserver has ended,
 //                                   so that its registry is on disk
 //

@@ -31,11 +31,12 @@ size_t linesWith(const std::string& text, const std::string& part)
     return count;
 }
 
-// Each call is one line in `calls` beside the fake. wineboot takes a moment,
-// as the real one takes many, and fails while `wineboot-fails` exists there.
+// Each call is one line in `calls` beside the fake, with the number of its
+// arguments, since one of them holds a space. wineboot takes a moment, as the
+// real one takes many, and fails while `wineboot-fails` exists there.
 const char* const kFakeWine = R"(#!/bin/sh
 here=$(dirname "$0")
-echo "wine $* WINEPREFIX=$WINEPREFIX WINEDEBUG=$WINEDEBUG WINEDLLOVERRIDES=$WINEDLLOVERRIDES" >>"$here/calls"
+echo "wine $* ($#) WINEPREFIX=$WINEPREFIX WINEDEBUG=$WINEDEBUG WINEDLLOVERRIDES=$WINEDLLOVERRIDES" >>"$here/calls"
 [ "$1" = reg ] && exit 0
 [ "$1 $2" = "wineboot --init" ] || exit 2
 sleep 1
@@ -138,11 +139,12 @@ TEST_F(HelperServerTest, MakesABottleOnceAndThenIsReady)
     EXPECT_TRUE(vt::product::prefixIsReady(prefix("Steam")));
     EXPECT_TRUE(std::filesystem::exists(prefix("Steam") / "system.reg"));
 
-    std::string wanted = "wine wineboot --init WINEPREFIX=" + prefix("Steam").string()
-        + " WINEDEBUG=-all WINEDLLOVERRIDES=mscoree,mshtml=\n"
-          "wine reg add HKCR\\.txt /ve /d txtfile /f WINEPREFIX=" + prefix("Steam").string()
-        + " WINEDEBUG=-all WINEDLLOVERRIDES=mscoree,mshtml=\n"
-          "wineserver -w WINEPREFIX=" + prefix("Steam").string() + "\n";
+    std::string inBottle = " WINEPREFIX=" + prefix("Steam").string()
+        + " WINEDEBUG=-all WINEDLLOVERRIDES=mscoree,mshtml=\n";
+    std::string wanted = "wine wineboot --init (2)" + inBottle
+        + "wine reg add HKCR\\.txt /ve /d txtfile /f (7)" + inBottle
+        + "wine reg add HKCU\\Software\\Wine\\X11 Driver /v ShowSystray /t REG_SZ /d N /f (10)" + inBottle
+        + "wineserver -w WINEPREFIX=" + prefix("Steam").string() + "\n";
     EXPECT_EQ(calls(), wanted);
     struct stat info {};
     ASSERT_EQ(stat(prefix("Steam").c_str(), &info), 0);

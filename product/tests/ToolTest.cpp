@@ -2,15 +2,22 @@
 // front of a fake Wine: a shell script that records each run (its arguments,
 // environment and descriptors) and then does what the test asks of it: exit
 // with a status, leave a process behind that outlives it by a moment, wait
-// for a signal, or echo its standard input as the window-command tool would.
+// for a signal, echo its standard input as the window-command tool would, or
+// write tray messages as the tray bridge would.
 #include <algorithm>
 #include <csignal>
 #include <cstring>
+#include <functional>
 #include <map>
 #include <set>
 #include <sstream>
 
+#include <fcntl.h>
 #include <poll.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 
 #include <gtest/gtest.h>
@@ -40,13 +47,33 @@ record=$VT_FAKE_RECORD
         printf 'arg %s\n' "$argument"
     done
     env | sed 's/^/env /'
-} >> "$record"
-ls -l /proc/self/fd | sed -n 's/.* \([0-9][0-9]*\) -> \(.*\)$/fd \1 \2/p' >> "$record"
+} > "$record.$$"
+ls -l /proc/self/fd | sed -n 's/.* \([0-9][0-9]*\) -> \(.*\)$/fd \1 \2/p' >> "$record.$$"
+# In one write: the tray bridge runs beside the window-command tool.
+cat "$record.$$" >> "$record"
+rm -f "$record.$$"
 case "$1" in
 *sendwndcmd.exe)
     while IFS= read -r line; do
         printf 'echo:%s\n' "$line"
     done
+    exit 0 ;;
+*traybridge.exe)
+    # The bytes of VT_FAKE_TRAY, those of VT_FAKE_TRAY_LATER at each
+    # SIGUSR1, and an end at the end of its input, unless it quits at once
+    # or never reads its input at all.
+    exec 3<&0
+    trap 'cat "$VT_FAKE_TRAY_LATER"' USR1
+    if [ -n "${VT_FAKE_TRAY:-}" ]; then cat "$VT_FAKE_TRAY"; fi
+    echo "bridge $$ ready" >> "$record"
+    if [ -n "${VT_FAKE_TRAY_QUIT:-}" ]; then exit "$VT_FAKE_TRAY_QUIT"; fi
+    if [ -n "${VT_FAKE_TRAY_DEAF:-}" ]; then exec sleep 60; fi
+    cat <&3 >/dev/null 3<&- &
+    reader=$!
+    while kill -0 "$reader" 2>/dev/null; do
+        wait "$reader"
+    done
+    echo "bridge ended" >> "$record"
     exit 0 ;;
 esac
 if [ -n "${VT_FAKE_LINGER:-}" ]; then
@@ -98,7 +125,8 @@ protected:
         m_environment.set("VT_FAKE_RECORD", record().string());
         m_environment.set("XDG_DATA_HOME", (m_dir / "data").string());
         for (const char* name : { "WINEPREFIX", "WINEDEBUG", "VT_FAKE_LINGER", "VT_FAKE_SERVICE", "VT_FAKE_TRAP",
-                                  "VT_FAKE_STATUS" })
+                                  "VT_FAKE_STATUS", "VT_FAKE_TRAY", "VT_FAKE_TRAY_LATER", "VT_FAKE_TRAY_QUIT",
+                                  "VT_FAKE_TRAY_DEAF", "VT_WINDOW_TAG", "VT_SYSTRAY_SOCKET" })
             m_environment.unset(name);
     }
 
@@ -410,6 +438,462 @@ TEST_F(ProductToolTest, PassesSignalsOnToWineAndGoesOnWaiting)
         EXPECT_EQ(process->waitForExit(), 3) << strsignal(signalNumber);
         std::string name = signalNumber == SIGTERM ? "TERM" : signalNumber == SIGINT ? "INT" : "HUP";
         EXPECT_TRUE(recorded("got " + name)) << readFile(record());
+    }
+}
+
+using Changes = std::map<std::string, std::optional<std::string>>;
+
+// A tray message as the launcher reads it, little-endian: code, operation,
+// payload length (that of `payload` unless given) and payload.
+std::string trayMessage(uint64_t operation, const std::string& payload, uint32_t code = 74,
+                        std::optional<uint32_t> length = std::nullopt)
+{
+    std::string bytes;
+    auto put = [&](uint64_t value, int width) {
+        for (int i = 0; i < width; ++i)
+            bytes += static_cast<char>(value >> (8 * i) & 0xff);
+    };
+    put(code, 4);
+    put(operation, 8);
+    put(length.value_or(static_cast<uint32_t>(payload.size())), 4);
+    return bytes + payload;
+}
+
+// The largest record the launcher takes.
+constexpr uint32_t kLargestRecord = 271320;
+
+// Reads `fd` into `text` until `enough` holds of it, or to its end when
+// there is no `enough`; false when that did not happen within `timeout`.
+bool readFrom(int fd, std::string& text, const std::function<bool(const std::string&)>& enough = {},
+              std::chrono::milliseconds timeout = 10s)
+{
+    auto deadline = std::chrono::steady_clock::now() + timeout;
+    for (;;) {
+        if (enough && enough(text))
+            return true;
+        auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        if (left <= 0ms)
+            return false;
+        pollfd readable { fd, POLLIN, 0 };
+        if (poll(&readable, 1, static_cast<int>(left.count())) != 1)
+            continue;
+        char bytes[65536];
+        ssize_t n = read(fd, bytes, sizeof bytes);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            return !enough;
+        text.append(bytes, static_cast<size_t>(n));
+    }
+}
+
+bool endsALine(const std::string& text) { return text.ends_with("\n"); }
+
+// The launcher's tray socket: each connection, read to its end, is one message.
+class LauncherTraySocket {
+public:
+    explicit LauncherTraySocket(fs::path path) : m_path(std::move(path))
+    {
+        sockaddr_un address {};
+        address.sun_family = AF_UNIX;
+        std::strncpy(address.sun_path, m_path.c_str(), sizeof address.sun_path - 1);
+        m_listener.reset(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        if (bind(m_listener.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0
+            || listen(m_listener.get(), 16) != 0)
+            throw std::runtime_error("cannot listen on " + m_path.string() + ": " + std::strerror(errno));
+    }
+    ~LauncherTraySocket()
+    {
+        std::error_code error;
+        fs::remove(m_path, error);
+    }
+
+    // The next connection's bytes; nothing when none came whole within `timeout`.
+    std::optional<std::string> nextMessage(std::chrono::milliseconds timeout = 10s)
+    {
+        pollfd waiting { m_listener.get(), POLLIN, 0 };
+        if (poll(&waiting, 1, static_cast<int>(timeout.count())) != 1)
+            return std::nullopt;
+        Fd connection(accept4(m_listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
+        std::string bytes;
+        if (!connection || !readFrom(connection.get(), bytes, {}, timeout))
+            return std::nullopt;
+        return bytes;
+    }
+
+    bool connectionWaiting() const
+    {
+        pollfd waiting { m_listener.get(), POLLIN, 0 };
+        return poll(&waiting, 1, 0) == 1;
+    }
+
+    // As a launcher that has gone: its socket's file stays.
+    void stopListening() { m_listener.reset(); }
+
+private:
+    fs::path m_path;
+    Fd m_listener;
+};
+
+// This process's children, ended ones too, but those in `before`.
+std::set<pid_t> children(const std::set<pid_t>& before = {})
+{
+    std::set<pid_t> found;
+    for (const fs::directory_entry& entry : fs::directory_iterator("/proc")) {
+        std::string name = entry.path().filename();
+        if (name.find_first_not_of("0123456789") != std::string::npos)
+            continue;
+        // Read as a descriptor: a process that ends meanwhile is an error
+        // that a stream would throw.
+        Fd file(open((entry.path() / "stat").c_str(), O_RDONLY | O_CLOEXEC));
+        char bytes[1024];
+        ssize_t n = file ? read(file.get(), bytes, sizeof bytes - 1) : -1;
+        std::string stat(bytes, n > 0 ? static_cast<size_t>(n) : 0);
+        size_t close = stat.rfind(')');
+        char state = 0;
+        int parent = 0;
+        if (close != std::string::npos && std::sscanf(stat.c_str() + close + 1, " %c %d", &state, &parent) == 2
+            && parent == getpid() && !before.contains(std::stoi(name)))
+            found.insert(std::stoi(name));
+    }
+    return found;
+}
+
+// What `pid` has open, as /proc names it ("/dev/null", "pipe:[1234]").
+std::multiset<std::string> openFiles(pid_t pid)
+{
+    std::multiset<std::string> files;
+    std::error_code error;
+    for (const fs::directory_entry& entry : fs::directory_iterator("/proc/" + std::to_string(pid) + "/fd", error))
+        files.insert(fs::read_symlink(entry.path(), error).string());
+    return files;
+}
+
+std::string pipeName(int fd)
+{
+    struct stat info {};
+    fstat(fd, &info);
+    return "pipe:[" + std::to_string(info.st_ino) + "]";
+}
+
+// `wine --wl-app sendwndcmd` as the launcher starts it for a session with
+// tray icons, from a bundle of the test's own (the tool under bin, an empty
+// traybridge.exe under windows), in front of a socket standing for the
+// launcher's. The test process is a subreaper meanwhile: the forwarder
+// leaves the tool's process tree at once and comes to the test, which so
+// sees it end, and sees whatever it leaves behind. Children that earlier
+// tests left to this process are not the tool's.
+class TrayForwarderTest : public ProductToolTest {
+protected:
+    TrayForwarderTest() : m_earlierChildren(children())
+    {
+        fs::create_directories(m_dir / "bundle/bin");
+        fs::create_directories(m_dir / "bundle/windows");
+        std::error_code error;
+        fs::create_hard_link(kTools / "vt-product-tool", m_dir / "bundle/bin/vt-product-tool", error);
+        if (error)
+            fs::copy_file(kTools / "vt-product-tool", m_dir / "bundle/bin/vt-product-tool");
+        fs::create_symlink("vt-product-tool", m_dir / "bundle/bin/wine");
+        writeFile(bridgeProgram(), "");
+        prctl(PR_SET_CHILD_SUBREAPER, 1);
+    }
+
+    ~TrayForwarderTest() override
+    {
+        // What a failed test left, and what that left in turn.
+        for (std::set<pid_t> left = leftBehind(); !left.empty(); left = leftBehind()) {
+            for (pid_t pid : left) {
+                kill(pid, SIGKILL);
+                waitpid(pid, nullptr, 0);
+            }
+        }
+        prctl(PR_SET_CHILD_SUBREAPER, 0);
+    }
+
+    // The test's children that this test's tools left.
+    std::set<pid_t> leftBehind() const { return children(m_earlierChildren); }
+
+    fs::path bridgeProgram() const { return m_dir / "bundle/windows/traybridge.exe"; }
+    fs::path socketPath() const { return m_dir / "tray.sock"; }
+    fs::path trayFile() const { return m_dir / "tray"; }
+
+    // With the launcher's pipes as its standard input and output, and the
+    // input once more as descriptor 7, as a careless launcher leaves one.
+    std::unique_ptr<VTTask> startWindowCommandTool(Changes changes = {})
+    {
+        changes.try_emplace("VT_WINDOW_TAG", "4242");
+        changes.try_emplace("VT_SYSTRAY_SOCKET", socketPath().string());
+        auto task = std::make_unique<VTTask>();
+        task->setLaunchPath("/bin/sh");
+        task->setArguments({ "-c", "exec 7<&0; exec \"$0\" \"$@\"", (m_dir / "bundle/bin/wine").string(), "--bottle",
+                             "B", "--wl-app", "sendwndcmd", "-n", "-e", "explorer;apprunner" });
+        task->setEnvironment(environmentWith(changes));
+        task->setStandardInput(VTTask::Stream::Pipe);
+        task->setStandardOutput(VTTask::Stream::Pipe);
+        task->setStandardError(VTTask::Stream::Pipe);
+        task->launch();
+        return task;
+    }
+
+    static void expectAnswer(VTTask& tool)
+    {
+        const std::string request = "-t 4242 -c 1 -a haswindows\n";
+        ASSERT_TRUE(writeAll(tool.standardInputWriter().get(), request.data(), request.size()));
+        std::string answer;
+        EXPECT_TRUE(readFrom(tool.standardOutputReader().get(), answer, endsALine));
+        EXPECT_EQ(answer, "echo:" + request);
+    }
+
+    // The end of a session: the launcher closes the tool's input, and sees
+    // its output end and the tool exit.
+    static void endSession(VTTask& tool)
+    {
+        tool.standardInputWriter().reset();
+        std::string rest;
+        EXPECT_TRUE(readFrom(tool.standardOutputReader().get(), rest)) << "the tool's output stays open";
+        ASSERT_TRUE(waitUntil([&] { return !tool.isRunning(); }));
+        EXPECT_EQ(tool.terminationStatus(), 0);
+    }
+
+    // The process that came to the test beside the tool.
+    pid_t forwarder(const VTTask& tool) const
+    {
+        std::set<pid_t> adopted = leftBehind();
+        adopted.erase(tool.processIdentifier());
+        EXPECT_EQ(adopted.size(), 1u);
+        return adopted.empty() ? 0 : *adopted.begin();
+    }
+
+    // Its wait status once it has ended.
+    static std::optional<int> reap(pid_t pid, std::chrono::milliseconds timeout = 10s)
+    {
+        int status = 0;
+        if (pid > 0 && waitUntil([&] { return waitpid(pid, &status, WNOHANG) == pid; }, timeout))
+            return status;
+        return std::nullopt;
+    }
+
+    std::optional<WineRun> bridgeRun() const
+    {
+        for (const WineRun& run : runs())
+            if (!run.arguments.empty() && run.arguments[0].ends_with("traybridge.exe"))
+                return run;
+        return std::nullopt;
+    }
+
+    // The bridge's pid once it has written its messages; 0 before.
+    pid_t bridgeReady() const
+    {
+        std::istringstream lines(readFile(record()));
+        for (std::string line; std::getline(lines, line);)
+            if (line.starts_with("bridge ") && line.ends_with(" ready"))
+                return std::stoi(line.substr(7));
+        return 0;
+    }
+
+    const std::set<pid_t> m_earlierChildren;
+};
+
+TEST_F(TrayForwarderTest, HandsEachMessageToTheLauncherOnItsOwnConnectionInOrder)
+{
+    std::string everyByte;
+    for (int i = 0; i < 1024; ++i)
+        everyByte += static_cast<char>(i);
+    // The longest record is more than the bridge's pipe holds at once.
+    const Strings messages {
+        trayMessage(0, everyByte),
+        trayMessage(1, std::string(kLargestRecord, '\xA5')),
+        trayMessage(2, ""),
+        trayMessage(0, everyByte.substr(250, 10)),
+    };
+    std::string stream;
+    for (const std::string& message : messages)
+        stream += message;
+    writeFile(trayFile(), stream);
+
+    LauncherTraySocket launcher(socketPath());
+    auto tool = startWindowCommandTool({ { "VT_FAKE_TRAY", trayFile().string() },
+                                         { "VT_APPRUNNER_ALT_LOADER_SOCKET", (m_dir / "loader.sock").string() } });
+    for (size_t i = 0; i < messages.size(); ++i) {
+        std::optional<std::string> received = launcher.nextMessage();
+        ASSERT_TRUE(received) << "message " << i;
+        EXPECT_TRUE(*received == messages[i])
+            << "message " << i << ": " << received->size() << " bytes for " << messages[i].size();
+    }
+    expectAnswer(*tool);
+    endSession(*tool);
+    EXPECT_EQ(reap(forwarder(*tool)), 0);
+    EXPECT_FALSE(launcher.connectionWaiting());
+
+    // The bridge runs in the bottle beside the program, not as part of it.
+    std::optional<WineRun> bridge = bridgeRun();
+    ASSERT_TRUE(bridge);
+    EXPECT_EQ(bridge->arguments, (Strings { bridgeProgram().string(), "-t", "4242" }));
+    EXPECT_EQ(bridge->environment["WINEPREFIX"], prefix().string());
+    EXPECT_EQ(bridge->environment["WINEDEBUG"], "-all");
+    for (const char* name : { "VT_WINDOW_TAG", "VT_SYSTRAY_SOCKET", "VT_APPRUNNER_ALT_LOADER_SOCKET" })
+        EXPECT_FALSE(bridge->environment.contains(name)) << name;
+    EXPECT_EQ(bridge->descriptors, (std::set<int> { 0, 1, 2 }));
+    std::vector<WineRun> seen = runs();
+    auto sendwndcmd = std::find_if(seen.begin(), seen.end(),
+                                   [](const WineRun& run) { return run.arguments.at(0).ends_with("sendwndcmd.exe"); });
+    ASSERT_NE(sendwndcmd, seen.end());
+    EXPECT_EQ(sendwndcmd->pid, tool->processIdentifier());
+    EXPECT_EQ(sendwndcmd->environment["VT_WINDOW_TAG"], "4242");
+    EXPECT_EQ(sendwndcmd->environment["VT_SYSTRAY_SOCKET"], socketPath().string());
+}
+
+TEST_F(TrayForwarderTest, HoldsNoneOfTheLaunchersPipesAndEndsWithTheSession)
+{
+    auto tool = startWindowCommandTool();
+    ASSERT_TRUE(waitUntil([&] { return bridgeReady() > 0; }));
+    pid_t forwarding = forwarder(*tool);
+    std::multiset<std::string> held = openFiles(forwarding);
+    EXPECT_EQ(held.count(pipeName(tool->standardInputWriter().get())), 0u);
+    EXPECT_EQ(held.count(pipeName(tool->standardOutputReader().get())), 0u);
+    EXPECT_EQ(held.count("/dev/null"), 2u);
+
+    expectAnswer(*tool);
+    endSession(*tool);
+    EXPECT_EQ(reap(forwarding), 0);
+    EXPECT_TRUE(recorded("bridge ended"));
+    EXPECT_EQ(leftBehind(), std::set<pid_t> {});
+    std::string complaints;
+    EXPECT_TRUE(readFrom(tool->standardErrorReader().get(), complaints));
+    EXPECT_EQ(complaints, "");
+}
+
+TEST_F(TrayForwarderTest, KillsABridgeThatOutstaysTheSession)
+{
+    // It never reads its input, so never sees its end.
+    auto tool = startWindowCommandTool({ { "VT_FAKE_TRAY_DEAF", "1" } });
+    ASSERT_TRUE(waitUntil([&] { return bridgeReady() > 0; }));
+    pid_t bridge = bridgeReady();
+    pid_t forwarding = forwarder(*tool);
+    endSession(*tool);
+    EXPECT_EQ(reap(forwarding, 20s), 0);
+    EXPECT_EQ(kill(bridge, 0), -1);
+    EXPECT_EQ(leftBehind(), std::set<pid_t> {});
+}
+
+TEST_F(TrayForwarderTest, StopsWhenTheBridgeStopsSpeakingTheProtocol)
+{
+    const std::string first = trayMessage(0, "icon");
+    const std::string after = trayMessage(1, "later");
+    const std::string notTray = "wine: the tray bridge wrote something that is not a tray message ";
+    struct Case {
+        const char* what;
+        std::string stream;
+        Changes changes;
+        std::string complaint;
+        bool bridgeToldToGo;
+    };
+    const std::vector<Case> cases {
+        { "another code", first + trayMessage(0, "x", 75) + after, {},
+          notTray + "(code 75, length 1): its icons are no longer forwarded\n", true },
+        { "a record longer than the launcher takes", first + trayMessage(0, "", 74, kLargestRecord + 1) + after, {},
+          notTray + "(code 74, length 271321): its icons are no longer forwarded\n", true },
+        { "the bridge's own end", first, { { "VT_FAKE_TRAY_QUIT", "3" } },
+          "wine: the tray bridge ended (status 3): tray icons no longer reach the launcher\n", false },
+    };
+    for (const Case& broken : cases) {
+        fs::remove(record());
+        writeFile(trayFile(), broken.stream);
+        Changes changes = broken.changes;
+        changes["VT_FAKE_TRAY"] = trayFile().string();
+        LauncherTraySocket launcher(socketPath());
+        auto tool = startWindowCommandTool(changes);
+        EXPECT_EQ(launcher.nextMessage(), first) << broken.what;
+        // The forwarder gives up and the bridge goes, while the session goes on.
+        EXPECT_EQ(reap(forwarder(*tool)), 0) << broken.what;
+        EXPECT_EQ(recorded("bridge ended"), broken.bridgeToldToGo) << broken.what;
+        EXPECT_FALSE(launcher.connectionWaiting()) << broken.what;
+        EXPECT_TRUE(tool->isRunning()) << broken.what;
+        expectAnswer(*tool);
+        endSession(*tool);
+        std::string complaints;
+        EXPECT_TRUE(readFrom(tool->standardErrorReader().get(), complaints));
+        EXPECT_EQ(complaints, broken.complaint) << broken.what;
+        EXPECT_EQ(leftBehind(), std::set<pid_t> {}) << broken.what;
+    }
+}
+
+TEST_F(TrayForwarderTest, DropsMessagesWhileTheLauncherIsAwayAndForwardsWhenItIsBack)
+{
+    const std::string away = "wine: tray icon changes are dropped until the launcher takes one again: connect to "
+        + socketPath().string() + ": ";
+    auto lines = [](size_t count) {
+        return [count](const std::string& text) {
+            return static_cast<size_t>(std::count(text.begin(), text.end(), '\n')) >= count;
+        };
+    };
+    writeFile(trayFile(), trayMessage(0, "one"));
+    auto tool = startWindowCommandTool(
+        { { "VT_FAKE_TRAY", trayFile().string() }, { "VT_FAKE_TRAY_LATER", (m_dir / "later").string() } });
+    int complaints = tool->standardErrorReader().get();
+    std::string said;
+    ASSERT_TRUE(readFrom(complaints, said, lines(1)));
+    EXPECT_EQ(said, away + "No such file or directory\n");
+    ASSERT_TRUE(waitUntil([&] { return bridgeReady() > 0; }));
+
+    // Each batch in a new file: the bridge's reading of the last one may
+    // not have seen its end yet.
+    auto later = [&](const std::string& messages) {
+        writeFile(m_dir / "batch", messages);
+        fs::rename(m_dir / "batch", m_dir / "later");
+        kill(bridgeReady(), SIGUSR1);
+    };
+    LauncherTraySocket launcher(socketPath());
+    later(trayMessage(1, "three"));
+    EXPECT_EQ(launcher.nextMessage(), trayMessage(1, "three"));
+
+    // A launcher that has gone leaves its socket behind. Two changes, one
+    // line: a launcher that has gone stays gone, however many icons change.
+    launcher.stopListening();
+    later(trayMessage(2, "four") + trayMessage(2, "five"));
+    ASSERT_TRUE(readFrom(complaints, said, lines(2)));
+
+    endSession(*tool);
+    EXPECT_EQ(reap(forwarder(*tool)), 0);
+    EXPECT_TRUE(readFrom(complaints, said));
+    EXPECT_EQ(said, away + "No such file or directory\n" + away + "Connection refused\n");
+}
+
+TEST_F(TrayForwarderTest, DropsAMessageTheLauncherDoesNotTakeInTime)
+{
+    // Listening but reading nothing: the longest record does not fit in the
+    // connection's buffer.
+    LauncherTraySocket launcher(socketPath());
+    writeFile(trayFile(), trayMessage(0, std::string(kLargestRecord, 'x')));
+    auto tool = startWindowCommandTool({ { "VT_FAKE_TRAY", trayFile().string() } });
+    std::string said;
+    EXPECT_TRUE(readFrom(tool->standardErrorReader().get(), said, endsALine));
+    EXPECT_EQ(said, "wine: tray icon changes are dropped until the launcher takes one again: write to "
+                  + socketPath().string() + ": the launcher did not take the message within 3 s\n");
+    endSession(*tool);
+    EXPECT_EQ(reap(forwarder(*tool)), 0);
+}
+
+TEST_F(TrayForwarderTest, StartsNoBridgeWithoutTheLaunchersTrayOrTheBundlesBridge)
+{
+    const std::vector<std::pair<std::string, Changes>> cases {
+        { "no tray socket", { { "VT_SYSTRAY_SOCKET", std::nullopt } } },
+        { "no tag", { { "VT_WINDOW_TAG", std::nullopt } } },
+        { "no traybridge.exe", {} },
+    };
+    for (const auto& [what, changes] : cases) {
+        if (what == "no traybridge.exe")
+            fs::remove(bridgeProgram());
+        fs::remove(record());
+        auto tool = startWindowCommandTool(changes);
+        expectAnswer(*tool);
+        // A forwarder comes to the test before the tool becomes Wine.
+        EXPECT_EQ(leftBehind(), std::set<pid_t> { tool->processIdentifier() }) << what;
+        endSession(*tool);
+        EXPECT_EQ(runs().size(), 1u) << what;
+        std::string complaints;
+        EXPECT_TRUE(readFrom(tool->standardErrorReader().get(), complaints));
+        EXPECT_EQ(complaints, "") << what;
     }
 }
 

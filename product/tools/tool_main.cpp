@@ -21,7 +21,12 @@
 //   wine --wl-app NAME ARG...  Wine execs <bundle root>/windows/NAME.exe in
 //                     place of the tool: same pid, same standard input and
 //                     output, which is how the launcher's pipes reach the
-//                     window-command tool.
+//                     window-command tool. When the launcher shows tray
+//                     icons (VT_SYSTRAY_SOCKET and VT_WINDOW_TAG are set)
+//                     and the bundle has traybridge.exe, a tray forwarder
+//                     (TrayForwarder.hpp) is forked first: it runs the
+//                     bridge and hands its messages to the launcher until
+//                     the Wine that runs NAME has ended.
 //   wine ARG...       Wine execs with ARG... in place of the tool.
 //
 // vtmenu and vtstart run Wine as their child and exit with its status. With
@@ -42,6 +47,7 @@
 
 #include "product/common/ProductPaths.hpp"
 #include "product/tools/ToolCommand.hpp"
+#include "product/tools/TrayForwarder.hpp"
 #include "product/tools/WineProcess.hpp"
 
 namespace fs = std::filesystem;
@@ -79,7 +85,10 @@ int main(int argc, char** argv)
         return kStatusNoWine;
     }
     std::vector<std::string> environment = wineEnvironment(prefix);
-    if (role == "wine")
+    if (role == "wine") {
+        if (request.action == ToolRequest::Action::RunWindowsProgram)
+            startTrayForwarder(role, *loader, windowsProgramsDirectory(self), environment);
         return execWine(role, *loader, runs.at(0), environment);
+    }
     return runWine(role, *loader, runs, environment, request.waitForChildren);
 }
