@@ -852,6 +852,12 @@ TEST_F(TrayForwarderTest, DropsMessagesWhileTheLauncherIsAwayAndForwardsWhenItIs
     launcher.stopListening();
     later(trayMessage(2, "four") + trayMessage(2, "five"));
     ASSERT_TRUE(readFrom(complaints, said, lines(2)));
+    // Back again: what comes next arrives, so "five" has been tried (the
+    // messages go in order), and it said nothing more.
+    fs::remove(socketPath());
+    LauncherTraySocket back(socketPath());
+    later(trayMessage(1, "six"));
+    EXPECT_EQ(back.nextMessage(), trayMessage(1, "six"));
 
     endSession(*tool);
     EXPECT_EQ(reap(forwarder(*tool)), 0);

@@ -18,6 +18,14 @@
  *   exit                    ends at once, deleting no icon (as does the end
  *                           of its input)
  *
+ *   check-tray <file>
+ *
+ * reads no commands: it adds icon 1 (colour), then modifies it 50 times a
+ * third of a second apart (colour2 and colour in turn), writing the time of
+ * each call (unix time in microseconds, a line each) to the file, and then
+ * keeps its icon until its window is closed (the launcher's end of session),
+ * as a program started from a launcher with a document would.
+ *
  * Pictures, 16 x 16 (rows top first; the test that reads the bytes the
  * launcher gets computes them from the same rules):
  *   colour, colour2   32 bits per pixel; pixel (x, y) blue x * 16 + v, green
@@ -57,6 +65,8 @@ static LRESULT CALLBACK windowProcedure(HWND hwnd, UINT message, WPARAM wParam, 
             clicksLength += (size_t)length;
         return 0;
     }
+    if (message == WM_DESTROY)
+        PostQuitMessage(0);
     return DefWindowProcW(hwnd, message, wParam, lParam);
 }
 
@@ -147,7 +157,41 @@ static BOOL runCommand(char* line, HANDLE output)
     return WriteFile(output, answer, (DWORD)length, &written, NULL);
 }
 
-int wmain(void)
+/* Unix time in microseconds, the clock the launcher's side reads too. */
+static long long unixMicroseconds(void)
+{
+    FILETIME now;
+    GetSystemTimePreciseAsFileTime(&now);
+    ULARGE_INTEGER ticks = { .LowPart = now.dwLowDateTime, .HighPart = now.dwHighDateTime };
+    return (long long)((ticks.QuadPart - 116444736000000000ULL) / 10);
+}
+
+static int bench(const wchar_t* path)
+{
+    const int count = 50;
+    HANDLE times = CreateFileW(path, GENERIC_WRITE, 0, NULL, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, NULL);
+    if (times == INVALID_HANDLE_VALUE)
+        return 2;
+    HICON pictures[2] = { makePicture("colour"), makePicture("colour2") };
+    notify(NIM_ADD, 1, NIF_MESSAGE | NIF_ICON | NIF_TIP, pictures[0], WM_APP + 1, 0);
+    Sleep(1000);
+    for (int i = 0; i < count; i++) {
+        char line[32];
+        int length = snprintf(line, sizeof line, "%lld\n", unixMicroseconds());
+        notify(NIM_MODIFY, 1, NIF_MESSAGE | NIF_ICON | NIF_TIP, pictures[(i + 1) % 2], WM_APP + 1, 0);
+        DWORD written = 0;
+        WriteFile(times, line, (DWORD)length, &written, NULL);
+        Sleep(333);
+    }
+    CloseHandle(times);
+    MSG message;
+    while (GetMessageW(&message, NULL, 0, 0) > 0)
+        DispatchMessageW(&message);
+    notify(NIM_DELETE, 1, 0, NULL, 0, 0);
+    return 0;
+}
+
+int wmain(int argc, wchar_t** argv)
 {
     WNDCLASSW windowClass;
     memset(&windowClass, 0, sizeof windowClass);
@@ -159,6 +203,9 @@ int wmain(void)
                              NULL, windowClass.hInstance, NULL);
     if (!window)
         return 1;
+
+    if (argc == 2)
+        return bench(argv[1]);
 
     HANDLE input = GetStdHandle(STD_INPUT_HANDLE), output = GetStdHandle(STD_OUTPUT_HANDLE);
     char pending[1024];
