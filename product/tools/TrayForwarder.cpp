@@ -21,6 +21,7 @@
 #include <unistd.h>
 
 #include "base/posix_glue.hpp"
+#include "product/tools/WineProcess.hpp"
 
 namespace vt::product {
 
@@ -57,15 +58,6 @@ namespace {
                 kept.push_back(variable);
         }
         return kept;
-    }
-
-    std::vector<char*> pointersInto(const std::vector<std::string>& strings)
-    {
-        std::vector<char*> pointers;
-        for (const std::string& string : strings)
-            pointers.push_back(const_cast<char*>(string.c_str()));
-        pointers.push_back(nullptr);
-        return pointers;
     }
 
     // Debian 12's <sys/pidfd.h> declares pidfd_open without C linkage.
@@ -372,8 +364,10 @@ namespace {
         if (!letGoOfTheToolsDescriptors(tool.get()))
             return fail("/dev/null");
         // The tool may have inherited SIGCHLD ignored, and the bridge would
-        // then be gone without its status.
+        // then be gone without its status. A standard error that has gone
+        // costs the messages, not the forwarder.
         ::signal(SIGCHLD, SIG_DFL);
+        ::signal(SIGPIPE, SIG_IGN);
 
         auto input = makePipe();
         auto output = makePipe();
@@ -390,8 +384,18 @@ namespace {
         ::posix_spawn_file_actions_init(&actions);
         ::posix_spawn_file_actions_adddup2(&actions, input->reader.get(), 0);
         ::posix_spawn_file_actions_adddup2(&actions, output->writer.get(), 1);
+        // The bridge starts with SIGPIPE at its default, not ignored as the
+        // forwarder has it.
+        posix_spawnattr_t attributes;
+        ::posix_spawnattr_init(&attributes);
+        sigset_t defaults;
+        sigemptyset(&defaults);
+        sigaddset(&defaults, SIGPIPE);
+        ::posix_spawnattr_setsigdefault(&attributes, &defaults);
+        ::posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
         pid_t bridge = 0;
-        int error = ::posix_spawn(&bridge, loader.c_str(), &actions, nullptr, argv.data(), envp.data());
+        int error = ::posix_spawn(&bridge, loader.c_str(), &actions, &attributes, argv.data(), envp.data());
+        ::posix_spawnattr_destroy(&attributes);
         ::posix_spawn_file_actions_destroy(&actions);
         if (error != 0) {
             errno = error;

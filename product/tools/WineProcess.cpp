@@ -57,18 +57,6 @@ namespace {
         ::sigprocmask(SIG_UNBLOCK, &set, nullptr);
     }
 
-    // A NULL-terminated array of C strings pointing into `strings`.
-    std::vector<char*> pointersInto(const std::vector<std::string>& strings, const char* first = nullptr)
-    {
-        std::vector<char*> pointers;
-        if (first)
-            pointers.push_back(const_cast<char*>(first));
-        for (const std::string& string : strings)
-            pointers.push_back(const_cast<char*>(string.c_str()));
-        pointers.push_back(nullptr);
-        return pointers;
-    }
-
     int statusFromWait(int status)
     {
         if (WIFEXITED(status))
@@ -165,6 +153,17 @@ namespace {
         }
     }
 } // namespace
+
+std::vector<char*> pointersInto(const std::vector<std::string>& strings, const char* first)
+{
+    std::vector<char*> pointers;
+    if (first)
+        pointers.push_back(const_cast<char*>(first));
+    for (const std::string& string : strings)
+        pointers.push_back(const_cast<char*>(string.c_str()));
+    pointers.push_back(nullptr);
+    return pointers;
+}
 
 void keepOnlyStandardDescriptorsAcrossExec()
 {

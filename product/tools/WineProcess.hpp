@@ -16,6 +16,10 @@ inline constexpr int kStatusUsage = 2;
 inline constexpr int kStatusWineNotRunnable = 126; // there, but exec failed
 inline constexpr int kStatusNoWine = 127;
 
+// A NULL-terminated array of C strings pointing into `strings` (after
+// `first`, when given), for exec and spawn.
+std::vector<char*> pointersInto(const std::vector<std::string>& strings, const char* first = nullptr);
+
 // Marks every descriptor but 0, 1 and 2 close-on-exec: whatever the tool was
 // given or opens stays out of Wine, whose programs would hold it for as long
 // as they run.
