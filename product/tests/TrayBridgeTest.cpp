@@ -333,7 +333,7 @@ protected:
 
     // The window-command tool as the launcher starts it, and with it the
     // bridge.
-    std::unique_ptr<Child> startTool(const std::string& tag) const
+    std::unique_ptr<Child> startTool(const std::string& tag, const std::string& socket = "tray.sock") const
     {
         return std::make_unique<Child>(
             std::vector<std::string> { (kRoot / "bin" / "wine").string(), "--bottle", "Tray", "--wl-app",
@@ -341,7 +341,7 @@ protected:
             std::vector<std::string> {
                 "XDG_DATA_HOME=" + (m_world / "data").string(), "HOME=" + (m_world / "home").string(),
                 "DISPLAY=" + m_display->name(), "WINEDEBUG=-all", "PATH=/usr/bin:/bin",
-                "VT_SYSTRAY_SOCKET=" + (m_world / "tray.sock").string(), "VT_WINDOW_TAG=" + tag });
+                "VT_SYSTRAY_SOCKET=" + (m_world / socket).string(), "VT_WINDOW_TAG=" + tag });
     }
 
     // The processes of the bottle whose name (Wine's image name) is `name`.
@@ -368,7 +368,7 @@ int64_t windowOf(const std::string& answer)
     return answer.starts_with("ok ") ? std::stoll(answer.substr(3)) : 0;
 }
 
-TEST_F(TrayBridge, TheProgramsIconsReachTheLauncherExactlyAsItReadsThemAndOthersStayWithWine)
+TEST_F(TrayBridge, TheProgramsIconsReachItsLauncherExactlyAsItReadsThemAndNoOtherLauncher)
 {
     const std::string tag = "4242";
     TraySocket launcher(m_world / "tray.sock");
@@ -428,14 +428,27 @@ TEST_F(TrayBridge, TheProgramsIconsReachTheLauncherExactlyAsItReadsThemAndOthers
     windowOf(program->line());
     EXPECT_MESSAGE(launcher.next(), messageOf(kAdd, recordOf(third)));
 
-    // Another launcher's program: Wine's tray takes its icon (the answer is
-    // Wine's), this launcher hears nothing of it.
+    // Another launcher of the bottle, its program started first, then its
+    // bridge, above this one's: each launcher gets its own program's icons
+    // only, as each bridge passes on what is not its own.
+    TraySocket other(m_world / "other.sock");
     auto stranger = startProgram("99");
     stranger->say("add 9 colour");
-    windowOf(stranger->line(60s));
+    Icon strangers { .window = windowOf(stranger->line(60s)), .id = 9, .callback = 0x8009, .picture = Colour2 };
+    auto otherTool = startTool("99", "other.sock");
+    for (received = ""; received.empty();) {
+        stranger->say("modify 9 colour2");
+        ASSERT_EQ(windowOf(stranger->line()), strangers.window);
+        received = other.next(500ms);
+    }
+    EXPECT_MESSAGE(received, messageOf(kAdd, recordOf(strangers)));
+    while ((received = other.next(1s)) == messageOf(kModify, recordOf(strangers))) {
+    }
+    EXPECT_EQ(received, "") << describe(received);
     program->say("modify 3 alpha");
     windowOf(program->line());
     EXPECT_MESSAGE(launcher.next(), messageOf(kModify, recordOf(third)));
+    EXPECT_EQ(other.next(1s), "") << "the other launcher got this launcher's icon";
 
     // The launcher's activation clicks the icon through the window-command
     // tool; the program's callback gets it.
@@ -453,12 +466,15 @@ TEST_F(TrayBridge, TheProgramsIconsReachTheLauncherExactlyAsItReadsThemAndOthers
     EXPECT_MESSAGE(launcher.next(), messageOf(kDelete, recordOf(first, false)));
     EXPECT_MESSAGE(launcher.next(), messageOf(kDelete, recordOf(third, false)));
     EXPECT_EQ(launcher.next(2s), "") << "only the program's icons were the launcher's";
+    stranger->say("exit");
+    EXPECT_MESSAGE(other.next(), messageOf(kDelete, recordOf(strangers, false)));
+    otherTool->closeInput();
 
     // The launcher's end ends the tool, and with it the bridge.
     tool->closeInput();
     EXPECT_EQ(tool->waitForExit(20s), 0);
+    EXPECT_EQ(otherTool->waitForExit(20s), 0);
     EXPECT_TRUE(vt::test::waitUntil([&] { return running("traybridge.exe") == 0; }, 20s));
-    stranger->say("exit");
 }
 
 } // namespace
