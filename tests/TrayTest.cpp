@@ -154,20 +154,39 @@ TEST_F(Tray, ActivationRaisesTheWindowsOrClicksTheOldestTrayIcon)
     send(vt::kTrayOperationAdd, 101, 5, vt::standin::solidPicture(16, 0x808080));
     send(vt::kTrayOperationAdd, 102, 6, vt::standin::solidPicture(16, 0x404040));
     size_t seen = w.records.commandTexts().size();
+    // The launch's own activation may have raised too, and its call may be
+    // recorded late: only more raises than these count.
+    auto raisedAtLaunch = raisesOf(launcher);
 
     watcher.activate(10, 10);
     ASSERT_TRUE(w.records.waitFor("request", seen + 2)) << w.launcherLog();
     EXPECT_EQ(w.records.commandTexts().at(seen), "haswindows");
     EXPECT_EQ(w.records.commandTexts().at(seen + 1), "activatesystray -h 101 -m 1025 -s 5");
 
-    // With a window to show, the windows are raised and no icon is clicked.
+    // With a window to show, no icon is clicked: the launcher steps aside
+    // (hides, and shows itself again without taking the front).
+    auto count = [](const std::string& text, const std::string& line) {
+        size_t found = 0;
+        for (size_t at = text.find(line); at != std::string::npos; at = text.find(line, at + 1))
+            found++;
+        return found;
+    };
+    const std::string unhidden = "unhide without activation";
+    ASSERT_TRUE(waitUntil([&] {
+        std::string log = w.launcherLog();
+        return count(log, "] hide") == count(log, unhidden);
+    })) << w.launcherLog();
+    size_t unhiddenBefore = count(w.launcherLog(), unhidden);
     w.setAnswer("haswindows", "1");
-    auto before = raisesOf(launcher);
     watcher.activate(10, 10);
-    ASSERT_TRUE(waitUntil([&] { return raisesOf(launcher) == before + 1; }));
+    ASSERT_TRUE(waitUntil([&] { return count(w.launcherLog(), unhidden) == unhiddenBefore + 1; }))
+        << w.launcherLog();
     ASSERT_TRUE(w.records.waitFor("request", seen + 3));
     EXPECT_EQ(w.records.commandTexts().size(), seen + 3)
         << testing::PrintToString(w.records.commandTexts()) << w.launcherLog();
+    // Each activation asked the helper server to raise the program's windows
+    // at once, whatever the tool answered.
+    EXPECT_TRUE(waitUntil([&] { return raisesOf(launcher) >= raisedAtLaunch + 2; })) << w.launcherLog();
 }
 
 TEST_F(Tray, TheMenusQuitItemEndsTheSessionLikeAQuitSignal)
