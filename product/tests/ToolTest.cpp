@@ -87,7 +87,9 @@ fi
 if [ -n "${VT_FAKE_TRAP:-}" ]; then
     caught() {
         echo "got $1" >> "$record"
-        kill "$sleeper"
+        # SIGKILL: a sleeper not yet past its exec still has the shell's
+        # traps, and would take a SIGTERM as the shell does and go on.
+        kill -KILL "$sleeper"
         sleep 0.2
         exit 3
     }
