@@ -368,6 +368,24 @@ int64_t windowOf(const std::string& answer)
     return answer.starts_with("ok ") ? std::stoll(answer.substr(3)) : 0;
 }
 
+// Changes the icon (to colour2, as `icon` says) until the bridge of its
+// launcher is up and has caught a change: the launcher gets it as an add,
+// since it never had the icon; a later change caught meanwhile is a modify.
+void expectAddedOnceBridged(Child& program, TraySocket& launcher, const Icon& icon)
+{
+    const std::string change = "modify " + std::to_string(icon.id) + " colour2";
+    std::string received;
+    for (auto deadline = Clock::now() + 60s; received.empty() && Clock::now() < deadline;) {
+        program.say(change);
+        ASSERT_EQ(windowOf(program.line()), icon.window);
+        received = launcher.next(500ms);
+    }
+    EXPECT_MESSAGE(received, messageOf(kAdd, recordOf(icon)));
+    while ((received = launcher.next(1s)) == messageOf(kModify, recordOf(icon))) {
+    }
+    EXPECT_EQ(received, "") << describe(received);
+}
+
 TEST_F(TrayBridge, TheProgramsIconsReachItsLauncherExactlyAsItReadsThemAndNoOtherLauncher)
 {
     const std::string tag = "4242";
@@ -381,17 +399,7 @@ TEST_F(TrayBridge, TheProgramsIconsReachItsLauncherExactlyAsItReadsThemAndNoOthe
     auto tool = startTool(tag);
     // Once the bridge is up, the icon's next picture reaches the launcher,
     // as an add: the launcher never had it.
-    std::string received;
-    for (auto deadline = Clock::now() + 60s; received.empty() && Clock::now() < deadline;) {
-        program->say("modify 1 colour2");
-        ASSERT_EQ(windowOf(program->line()), first.window);
-        received = launcher.next(500ms);
-    }
-    EXPECT_MESSAGE(received, messageOf(kAdd, recordOf(first)));
-    // A later one of them may have been caught too, and is a modify.
-    while ((received = launcher.next(1s)) == messageOf(kModify, recordOf(first))) {
-    }
-    EXPECT_EQ(received, "") << describe(received);
+    expectAddedOnceBridged(*program, launcher, first);
 
     program->say("modify 1 colour");
     windowOf(program->line());
@@ -436,15 +444,7 @@ TEST_F(TrayBridge, TheProgramsIconsReachItsLauncherExactlyAsItReadsThemAndNoOthe
     stranger->say("add 9 colour");
     Icon strangers { .window = windowOf(stranger->line(60s)), .id = 9, .callback = 0x8009, .picture = Colour2 };
     auto otherTool = startTool("99", "other.sock");
-    for (received = ""; received.empty();) {
-        stranger->say("modify 9 colour2");
-        ASSERT_EQ(windowOf(stranger->line()), strangers.window);
-        received = other.next(500ms);
-    }
-    EXPECT_MESSAGE(received, messageOf(kAdd, recordOf(strangers)));
-    while ((received = other.next(1s)) == messageOf(kModify, recordOf(strangers))) {
-    }
-    EXPECT_EQ(received, "") << describe(received);
+    expectAddedOnceBridged(*stranger, other, strangers);
     program->say("modify 3 alpha");
     windowOf(program->line());
     EXPECT_MESSAGE(launcher.next(), messageOf(kModify, recordOf(third)));
