@@ -17,6 +17,7 @@
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 
@@ -683,6 +684,18 @@ protected:
         return std::nullopt;
     }
 
+    // Whether the forwarder waits in its loop over the tool, the bridge's
+    // output and the bridge's end (the only poll over three descriptors):
+    // it has then tried every message it read.
+    static bool waitsForTheBridge(pid_t pid)
+    {
+        std::istringstream call(readFile("/proc/" + std::to_string(pid) + "/syscall"));
+        long number = -1;
+        std::string descriptors, count;
+        call >> number >> descriptors >> count;
+        return (number == SYS_poll || number == SYS_ppoll) && count == "0x3";
+    }
+
     // The bridge's pid once it has written its messages; 0 before.
     pid_t bridgeReady() const
     {
@@ -851,18 +864,21 @@ TEST_F(TrayForwarderTest, DropsMessagesWhileTheLauncherIsAwayAndForwardsWhenItIs
 
     // A launcher that has gone leaves its socket behind. Two changes, one
     // line: a launcher that has gone stays gone, however many icons change.
+    // The bridge writes both at once, so the forwarder reads them together
+    // and has tried "five" too once it waits for the bridge again.
     launcher.stopListening();
+    pid_t forwarding = forwarder(*tool);
     later(trayMessage(2, "four") + trayMessage(2, "five"));
     ASSERT_TRUE(readFrom(complaints, said, lines(2)));
-    // Back again: what comes next arrives, so "five" has been tried (the
-    // messages go in order), and it said nothing more.
+    ASSERT_TRUE(waitUntil([&] { return waitsForTheBridge(forwarding); }));
+    // Back again: what comes next arrives, and it said nothing more.
     fs::remove(socketPath());
     LauncherTraySocket back(socketPath());
     later(trayMessage(1, "six"));
     EXPECT_EQ(back.nextMessage(), trayMessage(1, "six"));
 
     endSession(*tool);
-    EXPECT_EQ(reap(forwarder(*tool)), 0);
+    EXPECT_EQ(reap(forwarding), 0);
     EXPECT_TRUE(readFrom(complaints, said));
     EXPECT_EQ(said, away + "No such file or directory\n" + away + "Connection refused\n");
 }
