@@ -3,6 +3,7 @@
 // that dies mid-answer, menu files built to exhaust it, and a flood of tray
 // senders with a silent one among them. Each ends in a clear line and a
 // launcher that goes on, or ends as it must, in bounded time.
+#include <poll.h>
 #include <pthread.h>
 #include <sys/un.h>
 
@@ -543,6 +544,10 @@ TEST_F(Hostile, AThousandConcurrentTraySendersAndASilentOneLoseNothingAndKeepThe
     ASSERT_TRUE(w.waitForLog("Read message 0.\n")) << w.launcherLog();
     const std::string log = w.launcherLog();
     EXPECT_LT(log.find("Unknown systray message: " + std::to_string(operation(0, 0))), log.find("Read message 0.\n"));
+    // It is said as the message is read, and the connection closes just
+    // after.
+    pollfd closing { silent.get(), POLLIN, 0 };
+    EXPECT_EQ(::poll(&closing, 1, 10000), 1);
     char byte;
     EXPECT_EQ(::recv(silent.get(), &byte, 1, MSG_DONTWAIT), 0) << "the launcher has closed it";
 
