@@ -335,6 +335,8 @@ void WineLoader::startWine(Pending pending, WineLoaderRequest request)
     // with it (a vector's storage does not move when the vector does).
     start->request = std::move(request);
     start->loader = weak_from_this();
+    if (Application* application = Application::shared())
+        application->wineWillRunInside();
     try {
         std::thread([start = std::move(start)]() mutable {
             nameThisThread("vt-wine");

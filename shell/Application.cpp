@@ -1,9 +1,12 @@
 #include "shell/Application.hpp"
 
 #include <cerrno>
+#include <condition_variable>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <ctime>
+#include <mutex>
 
 #include <pthread.h>
 #include <unistd.h>
@@ -28,6 +31,49 @@ namespace {
         for (int signalNumber : { SIGTERM, SIGINT, SIGHUP })
             sigaddset(&set, signalNumber);
         return set;
+    }
+
+    // Signals that Wine, once it runs inside the launcher, handles for the
+    // whole process and that come from outside at any moment; the launcher
+    // has no use for them, so none of its threads ever takes them.
+    sigset_t wineSignalSet()
+    {
+        sigset_t set;
+        sigemptyset(&set);
+        for (int signalNumber : { SIGQUIT, SIGUSR1 })
+            sigaddset(&set, signalNumber);
+        return set;
+    }
+
+    // Ends a turn of the main loop for good once Wine has begun to end the
+    // process from a thread of its own: the exit handlers and destructors
+    // that follow never run beside launcher code that is half-way through
+    // something. A main thread that does not come round within a while
+    // (stuck in a call) is not waited for.
+    void stopMainLoopAtWinesExit() noexcept
+    {
+        if (isMainThread())
+            return;
+        struct Stop {
+            std::mutex mutex;
+            std::condition_variable changed;
+            bool stopped = false;
+        };
+        static Stop* stop = new Stop; // never destroyed: the process is ending
+        try {
+            runOnMain([] {
+                {
+                    std::lock_guard lock(stop->mutex);
+                    stop->stopped = true;
+                }
+                stop->changed.notify_all();
+                for (;;)
+                    ::pause();
+            });
+            std::unique_lock lock(stop->mutex);
+            stop->changed.wait_for(lock, std::chrono::seconds(2), [] { return stop->stopped; });
+        } catch (...) {
+        }
     }
 
     // Takes every quit signal that came while they were blocked; whether one did.
@@ -430,6 +476,18 @@ void Application::forwardToRunningLauncher(const std::vector<std::string>& argum
         g_dbus_connection_flush_sync(bus, nullptr, nullptr);
 }
 
+void Application::wineWillRunInside()
+{
+    sigset_t interrupt;
+    sigemptyset(&interrupt);
+    sigaddset(&interrupt, SIGINT);
+    pthread_sigmask(SIG_BLOCK, &interrupt, nullptr);
+    // GLib puts the default action back; Wine installs its own handler as
+    // it starts, and a SIGINT that comes meanwhile waits for Wine's threads.
+    m_quitSignals.erase(SIGINT);
+    static const bool registered [[maybe_unused]] = std::atexit(stopMainLoopAtWinesExit) == 0;
+}
+
 int Application::run(int argc, char** argv)
 {
     // Quit signals are blocked from the first moment until the signal thread
@@ -439,6 +497,8 @@ int Application::run(int argc, char** argv)
     // blocked, so they reach the main thread once it unblocks them.
     const sigset_t quitSignals = quitSignalSet();
     pthread_sigmask(SIG_BLOCK, &quitSignals, nullptr);
+    const sigset_t wineSignals = wineSignalSet();
+    pthread_sigmask(SIG_BLOCK, &wineSignals, nullptr);
 
     // A window-command tool that has gone away must show up as a failed
     // write, not end the launcher.
@@ -485,10 +545,10 @@ int Application::run(int argc, char** argv)
     // meanwhile is asked before anything has started.
     bool quitEarly = takeBlockedQuitSignals(quitSignals);
     for (int signalNumber : { SIGTERM, SIGINT, SIGHUP }) {
-        m_quitSignals.emplace_back("vt quit signal", signalNumber, [this] {
+        m_quitSignals.emplace(signalNumber, UnixSignalSource("vt quit signal", signalNumber, [this] {
             sendEventsFromMainLoop({ Event { Event::Type::QuitRequest, {}, {} } });
             return true;
-        });
+        }));
     }
     pthread_sigmask(SIG_UNBLOCK, &quitSignals, nullptr);
     m_loop = adopt(g_main_loop_new(nullptr, FALSE));

@@ -12,6 +12,7 @@
 #include <chrono>
 #include <filesystem>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -143,6 +144,20 @@ public:
     // and the main loop returns.
     bool isEnding() const { return m_ending; }
 
+    // Wine is about to run inside this process, on a thread of its own that
+    // is started next; main thread, before that thread exists. Wine handles
+    // SIGINT, SIGQUIT and SIGUSR1 process-wide and finds its thread's data
+    // from the thread the handler runs on, so every thread of the launcher
+    // keeps them blocked (SIGQUIT and SIGUSR1 are blocked from the start, so
+    // every thread started since has them blocked too) and SIGINT stops
+    // being a quit request: from now on it is the Windows program's Ctrl+C,
+    // as when Wine runs in a terminal. SIGTERM and SIGHUP stay quit
+    // requests. When Wine ends the process from one of its threads (the
+    // program has ended), the main loop is stopped at the end of its turn
+    // before anything is torn down, so no code of the launcher is half-way
+    // through anything when the process goes.
+    void wineWillRunInside();
+
 protected:
     // Ends the launcher after an agreed quit, with status 0: the quit
     // signals are no longer taken, everything sent on the bus (the answer to
@@ -181,7 +196,7 @@ private:
     DelayedCalls m_delayedCalls;
     GPtr<GApplication> m_gapplication;
     GPtr<GMainLoop> m_loop;
-    std::vector<UnixSignalSource> m_quitSignals;
+    std::map<int, UnixSignalSource> m_quitSignals;
     bool m_launching = false;
     int m_launchHolds = 0;
     std::vector<Event> m_openingEvents;

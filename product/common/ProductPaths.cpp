@@ -82,6 +82,16 @@ std::optional<std::filesystem::path> wineLoader()
     return std::nullopt;
 }
 
+std::optional<std::filesystem::path> handOverLoader(const std::filesystem::path& tool)
+{
+    if (const char* chosen = std::getenv("VT_PRODUCT_WINE"); chosen && *chosen)
+        return std::nullopt;
+    std::filesystem::path loader = tool.parent_path() / "wineloader64";
+    if (::access(loader.c_str(), X_OK) != 0)
+        return std::nullopt;
+    return loader;
+}
+
 std::filesystem::path wineServer(const std::filesystem::path& loader)
 {
     std::filesystem::path beside = loader.parent_path() / "wineserver";

@@ -9,6 +9,8 @@
 //   Wine         $VT_PRODUCT_WINE when set (tests point it at a fake), else
 //                /usr/lib/wine/wine64 (Debian's wine64), else wine64 or wine
 //                on the PATH; wineserver lies next to it.
+//   hand-over    <root>/bin/wineloader64, the product's loader over Debian's
+//                Wine (product/wine/), made only where the launcher can host Wine.
 //   programs     the product's Windows programs (sendwndcmd.exe) in
 //                <root>/windows, where <root> is the folder above the tools'
 //                bin folder: <bundle>/Contents/SharedSupport/Vantor.
@@ -33,6 +35,11 @@ bool prefixIsReady(const std::filesystem::path& prefix);
 
 // The Wine loader to run programs with; nothing when Wine is not installed.
 std::optional<std::filesystem::path> wineLoader();
+// The product's own loader, which can hand a program over to its launcher
+// (<root>/bin/wineloader64 for a tool at <root>/bin/<tool>), when the
+// bundle has one and the tools run the real Wine (not $VT_PRODUCT_WINE).
+std::optional<std::filesystem::path> handOverLoader(const std::filesystem::path& tool);
+
 // wineserver beside `loader` (Debian: /usr/lib/wine/wineserver), else the PATH's.
 std::filesystem::path wineServer(const std::filesystem::path& loader);
 

@@ -172,7 +172,12 @@ std::vector<Window> X11Windows::windowsWithTag(int64_t tag)
     std::vector<Window> tagged;
     for (Window window : topLevelWindows()) {
         std::vector<unsigned long> pid = windowProperty(window, "_NET_WM_PID", XA_CARDINAL);
-        std::optional<bool> carriesTag = pid.empty() ? std::nullopt : environmentHolds(pid.front(), entry);
+        // The tag is the launcher's pid: a program that runs inside its
+        // launcher opens windows of that very process, whose environment
+        // as the system shows it is the one the launcher started with.
+        std::optional<bool> carriesTag = pid.empty()  ? std::nullopt
+            : static_cast<int64_t>(pid.front()) == tag ? std::optional<bool>(true)
+                                                       : environmentHolds(pid.front(), entry);
         if (carriesTag ? *carriesTag : isWineWindow(window))
             tagged.push_back(window);
     }

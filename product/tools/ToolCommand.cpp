@@ -53,6 +53,7 @@ namespace {
         request.action = ToolRequest::Action::StartEntry;
         if (startsWith(rest, { "--wait-children", "--enable-alt-loader", "macdrv", "--start" }) && rest.size() >= 5) {
             request.waitForChildren = true;
+            request.mayHandOver = true;
             request.entry = rest[4];
             request.operands = toVector(rest.subspan(5));
         } else if (rest.size() == 5 && rest[0] == "--arch" && rest[2] == "--install" && rest[3] == "--filter") {
@@ -73,12 +74,14 @@ namespace {
         if (startsWith(rest, { "--wait-children", "--enable-alt-loader", "macdrv", "--" }) && rest.size() >= 5) {
             request.action = ToolRequest::Action::OpenDocuments;
             request.waitForChildren = true;
+            request.mayHandOver = true;
             request.operands = toVector(rest.subspan(4));
         } else if (startsWith(rest, { "--enable-alt-loader", "macdrv--" }) && rest.size() == 3) {
             // `start` would take a URL that begins with '/' for one of its own options.
             if (rest[2].empty() || rest[2][0] == '/')
                 throw UsageError("\"" + rest[2] + "\" is not a URL");
             request.action = ToolRequest::Action::OpenUrl;
+            request.mayHandOver = true;
             request.operands = { rest[2] };
         } else {
             badList("vtstart");

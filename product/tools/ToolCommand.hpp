@@ -10,9 +10,9 @@
 //
 // Nothing else is accepted: a list the launcher never sends is a mistake
 // somewhere, and guessing what it meant would start the wrong program.
-// "--enable-alt-loader" names a loader that could hand the program over to
-// the launcher; Debian's Wine has none, so the option is taken and has no
-// effect. "--arch" hands back an entry whose program wants the other
+// "--enable-alt-loader" lets the program be handed over to the launcher,
+// to run inside it (the product's loader, product/wine/), while the
+// launcher offers its loader socket. "--arch" hands back an entry whose program wants the other
 // architecture; Debian's wine64 picks the architecture of each program
 // itself, so the entry is simply started again.
 #pragma once
@@ -50,6 +50,7 @@ struct ToolRequest {
     std::string bottle;
     Action action = Action::RunWine;
     bool waitForChildren = false;
+    bool mayHandOver = false; // --enable-alt-loader
     std::string entry;
     std::string program;
     std::vector<std::string> operands;

@@ -187,7 +187,7 @@ std::vector<std::string> wineEnvironment(const std::filesystem::path& prefix)
     bool debugChosen = false;
     for (char** entry = environ; *entry; ++entry) {
         std::string_view variable(*entry);
-        if (variable.starts_with("WINEPREFIX="))
+        if (variable.starts_with("WINEPREFIX=") || variable.starts_with("VT_APPRUNNER_ALT_LOADER_SOCKET="))
             continue;
         debugChosen = debugChosen || variable.starts_with("WINEDEBUG=");
         environment.emplace_back(variable);

@@ -27,7 +27,8 @@ void keepOnlyStandardDescriptorsAcrossExec();
 
 // The tool's environment as it was given (the launcher's variables, the tag
 // among them, reach the program) with WINEPREFIX set to the bottle and
-// WINEDEBUG=-all unless the caller chose otherwise.
+// WINEDEBUG=-all unless the caller chose otherwise. The launcher's loader
+// socket is the tools' to use, not the program's: it stays out.
 std::vector<std::string> wineEnvironment(const std::filesystem::path& prefix);
 
 // Replaces the tool with Wine: same process id, same standard descriptors.

@@ -29,6 +29,13 @@
 //                     the Wine that runs NAME has ended.
 //   wine ARG...       Wine execs with ARG... in place of the tool.
 //
+// vtmenu and vtstart with --enable-alt-loader, given the launcher's loader
+// socket (VT_APPRUNNER_ALT_LOADER_SOCKET), run the product's own loader
+// (<root>/bin/wineloader64, where the bundle has it) with the socket in
+// VT_ALT_LOADER_SOCKET: the program is then handed over to the launcher and
+// runs inside it (product/wine/wineloader_main.cpp). The socket itself never
+// reaches Wine.
+//
 // vtmenu and vtstart run Wine as their child and exit with its status. With
 // --wait-children they also wait for every process that Wine started, down
 // to the bottle's Wine server when this run started it: once the tool has
@@ -41,6 +48,7 @@
 // Wine is not installed. Otherwise the status is Wine's (128 + N when Wine
 // died of signal N).
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -85,6 +93,15 @@ int main(int argc, char** argv)
         return kStatusNoWine;
     }
     std::vector<std::string> environment = wineEnvironment(prefix);
+    // The product's loader hands the program over to the launcher that
+    // offers its socket, to run inside it.
+    const char* launcherSocket = std::getenv("VT_APPRUNNER_ALT_LOADER_SOCKET");
+    if (request.mayHandOver && launcherSocket && *launcherSocket) {
+        if (auto own = handOverLoader(self)) {
+            loader = own;
+            environment.push_back(std::string("VT_ALT_LOADER_SOCKET=") + launcherSocket);
+        }
+    }
     if (role == "wine") {
         if (request.action == ToolRequest::Action::RunWindowsProgram)
             startTrayForwarder(role, *loader, windowsProgramsDirectory(self), environment);
