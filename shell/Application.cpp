@@ -9,6 +9,7 @@
 #include <mutex>
 
 #include <pthread.h>
+#include <sys/signalfd.h>
 #include <unistd.h>
 
 #include "base/MainLoop.hpp"
@@ -23,27 +24,28 @@ namespace vt {
 namespace {
     Application* sharedApplication = nullptr;
 
-    // The signals that ask the launcher to quit.
-    sigset_t quitSignalSet()
+    sigset_t signalSet(std::initializer_list<int> numbers)
     {
         sigset_t set;
         sigemptyset(&set);
-        for (int signalNumber : { SIGTERM, SIGINT, SIGHUP })
+        for (int signalNumber : numbers)
             sigaddset(&set, signalNumber);
         return set;
     }
 
+    // The signals that ask the launcher to quit.
+    sigset_t quitSignalSet() { return signalSet({ SIGTERM, SIGINT, SIGHUP }); }
+    // Those of them taken by handlers, which run on whichever thread does
+    // not block them: Wine, once inside, leaves them alone.
+    sigset_t handledQuitSignalSet() { return signalSet({ SIGTERM, SIGHUP }); }
     // Signals that Wine, once it runs inside the launcher, handles for the
-    // whole process and that come from outside at any moment; the launcher
-    // has no use for them, so none of its threads ever takes them.
-    sigset_t wineSignalSet()
-    {
-        sigset_t set;
-        sigemptyset(&set);
-        for (int signalNumber : { SIGQUIT, SIGUSR1 })
-            sigaddset(&set, signalNumber);
-        return set;
-    }
+    // whole process and that may come from outside at any moment. No thread
+    // of the launcher's ever takes them, so each thread blocks them from
+    // the start and every thread started since inherits that, GLib's
+    // helpers among them. SIGINT, a quit request until Wine runs inside, is
+    // read from a descriptor by the main loop meanwhile; SIGQUIT and SIGUSR1
+    // mean nothing to the launcher.
+    sigset_t wineSignalSet() { return signalSet({ SIGINT, SIGQUIT, SIGUSR1 }); }
 
     // Ends a turn of the main loop for good once Wine has begun to end the
     // process from a thread of its own: the exit handlers and destructors
@@ -284,12 +286,14 @@ void Application::exitAfterTermination()
     // One more quit signal now would only cut the ending short. Blocked
     // while their sources go (GLib then puts the default action back) and
     // until they are ignored, so none can slip in between.
-    const sigset_t quitSignals = quitSignalSet();
+    const sigset_t quitSignals = handledQuitSignalSet();
     pthread_sigmask(SIG_BLOCK, &quitSignals, nullptr);
     m_quitSignals.clear();
-    for (int signalNumber : { SIGTERM, SIGINT, SIGHUP })
+    for (int signalNumber : { SIGTERM, SIGHUP })
         signal(signalNumber, SIG_IGN);
     pthread_sigmask(SIG_UNBLOCK, &quitSignals, nullptr);
+    m_interrupts = {};
+    m_interruptDescriptor.reset();
     m_delayedCalls.cancelAll();
     if (m_gapplication) {
         if (GDBusConnection* bus = g_application_get_dbus_connection(m_gapplication.get()))
@@ -478,19 +482,16 @@ void Application::forwardToRunningLauncher(const std::vector<std::string>& argum
 
 void Application::wineWillRunInside()
 {
-    sigset_t interrupt;
-    sigemptyset(&interrupt);
-    sigaddset(&interrupt, SIGINT);
-    pthread_sigmask(SIG_BLOCK, &interrupt, nullptr);
-    // GLib puts the default action back; Wine installs its own handler as
-    // it starts, and a SIGINT that comes meanwhile waits for Wine's threads.
-    m_quitSignals.erase(SIGINT);
+    // Wine installs its handler as it starts and unblocks SIGINT on its own
+    // threads: one that comes meanwhile waits for them.
+    m_interrupts = {};
+    m_interruptDescriptor.reset();
     static const bool registered [[maybe_unused]] = std::atexit(stopMainLoopAtWinesExit) == 0;
 }
 
 int Application::run(int argc, char** argv)
 {
-    // Quit signals are blocked from the first moment until the signal thread
+    // Quit signals are blocked from the first moment until the main loop
     // takes them: one that comes while the launcher starts up is the first
     // quit request, not an end by the default action with half of it made.
     // Every thread started meanwhile (the bus's among them) keeps them
@@ -544,13 +545,27 @@ int Application::run(int argc, char** argv)
     // From now on quit signals are main-loop events; one that came
     // meanwhile is asked before anything has started.
     bool quitEarly = takeBlockedQuitSignals(quitSignals);
-    for (int signalNumber : { SIGTERM, SIGINT, SIGHUP }) {
-        m_quitSignals.emplace(signalNumber, UnixSignalSource("vt quit signal", signalNumber, [this] {
+    for (int signalNumber : { SIGTERM, SIGHUP }) {
+        m_quitSignals.emplace_back("vt quit signal", signalNumber, [this] {
             sendEventsFromMainLoop({ Event { Event::Type::QuitRequest, {}, {} } });
             return true;
-        }));
+        });
     }
-    pthread_sigmask(SIG_UNBLOCK, &quitSignals, nullptr);
+    const sigset_t interrupt = signalSet({ SIGINT });
+    m_interruptDescriptor.reset(::signalfd(-1, &interrupt, SFD_NONBLOCK | SFD_CLOEXEC));
+    if (m_interruptDescriptor) {
+        m_interrupts = UnixFdSource("vt interrupt signal", m_interruptDescriptor.get(), [this] {
+            signalfd_siginfo taken {};
+            bool any = false;
+            while (::read(m_interruptDescriptor.get(), &taken, sizeof taken) == sizeof taken)
+                any = true;
+            if (any)
+                sendEventsFromMainLoop({ Event { Event::Type::QuitRequest, {}, {} } });
+            return true;
+        });
+    }
+    const sigset_t handled = handledQuitSignalSet();
+    pthread_sigmask(SIG_UNBLOCK, &handled, nullptr);
     m_loop = adopt(g_main_loop_new(nullptr, FALSE));
     g_application_hold(m_gapplication.get());
     // Agreed, it ends the launcher here.

@@ -12,7 +12,6 @@
 #include <chrono>
 #include <filesystem>
 #include <functional>
-#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -21,6 +20,7 @@
 #include "base/MainLoop.hpp"
 #include "base/NotificationCenter.hpp"
 #include "base/glib_glue.hpp"
+#include "base/posix_glue.hpp"
 #include "shell/Event.hpp"
 #include "shell/Menu.hpp"
 
@@ -147,9 +147,8 @@ public:
     // Wine is about to run inside this process, on a thread of its own that
     // is started next; main thread, before that thread exists. Wine handles
     // SIGINT, SIGQUIT and SIGUSR1 process-wide and finds its thread's data
-    // from the thread the handler runs on, so every thread of the launcher
-    // keeps them blocked (SIGQUIT and SIGUSR1 are blocked from the start, so
-    // every thread started since has them blocked too) and SIGINT stops
+    // from the thread the handler runs on, so no thread of the launcher's
+    // ever takes them (all block them from the start), and SIGINT stops
     // being a quit request: from now on it is the Windows program's Ctrl+C,
     // as when Wine runs in a terminal. SIGTERM and SIGHUP stay quit
     // requests. When Wine ends the process from one of its threads (the
@@ -196,7 +195,10 @@ private:
     DelayedCalls m_delayedCalls;
     GPtr<GApplication> m_gapplication;
     GPtr<GMainLoop> m_loop;
-    std::map<int, UnixSignalSource> m_quitSignals;
+    std::vector<UnixSignalSource> m_quitSignals;
+    // SIGINT, read here while it is a quit request.
+    Fd m_interruptDescriptor;
+    UnixFdSource m_interrupts;
     bool m_launching = false;
     int m_launchHolds = 0;
     std::vector<Event> m_openingEvents;

@@ -4,6 +4,7 @@
 // the launcher, records what it was given and registers its controller.
 #include <algorithm>
 #include <csignal>
+#include <cstring>
 #include <fstream>
 
 #include <fcntl.h>
@@ -41,6 +42,18 @@ Strings threadNames(pid_t pid)
     }
     return names;
 }
+
+// A signal mask line of /proc/<pid>[/task/<tid>]/status ("SigBlk", "SigCgt").
+uint64_t signalMask(const std::filesystem::path& status, const std::string& name)
+{
+    std::ifstream in(status);
+    for (std::string line; std::getline(in, line);)
+        if (line.starts_with(name + ":"))
+            return std::stoull(line.substr(name.size() + 1), nullptr, 16);
+    return 0;
+}
+
+bool holds(uint64_t mask, int signalNumber) { return (mask >> (signalNumber - 1)) & 1; }
 
 class LoaderHandOver : public ::testing::Test {
 protected:
@@ -130,6 +143,40 @@ TEST_F(LoaderHandOver, TheLauncherStaysWhenTheToolsEnd)
     ::kill(menu.pid, SIGTERM);
     ASSERT_TRUE(w.waitForLog("Wine runs inside the launcher, which stays"));
     EXPECT_TRUE(launcher.running());
+}
+
+TEST_F(LoaderHandOver, WineAloneTakesTheSignalsItHandles)
+{
+    TestProcess& launcher = launchIntoWine();
+    // Wine's handlers find Wine's data from the thread they run on: no
+    // thread of the launcher's may take them. Wine unblocks them on its own.
+    const std::filesystem::path process = "/proc/" + std::to_string(launcher.pid());
+    for (const auto& task : std::filesystem::directory_iterator(process / "task")) {
+        std::string name;
+        std::getline(std::ifstream(task.path() / "comm"), name);
+        if (name == "vt-wine")
+            continue;
+        uint64_t blocked = signalMask(task.path() / "status", "SigBlk");
+        for (int number : { SIGINT, SIGQUIT, SIGUSR1 })
+            EXPECT_TRUE(holds(blocked, number)) << name << " takes " << strsignal(number);
+    }
+    // SIGINT is left to Wine's handler (Ctrl+C for the program); SIGTERM
+    // and SIGHUP stay the launcher's quit requests.
+    uint64_t caught = signalMask(process / "status", "SigCgt");
+    EXPECT_FALSE(holds(caught, SIGINT));
+    EXPECT_TRUE(holds(caught, SIGTERM));
+    EXPECT_TRUE(holds(caught, SIGHUP));
+
+    ASSERT_TRUE(w.records.waitFor("request", 1)) << w.launcherLog();
+    launcher.signal(SIGINT);
+    launcher.signal(SIGTERM);
+    EXPECT_EQ(launcher.waitForExit(), 0) << w.launcherLog();
+    std::string log = w.launcherLog();
+    size_t quits = 0;
+    for (size_t at = log.find("event: quit-request"); at != std::string::npos;
+         at = log.find("event: quit-request", at + 1))
+        ++quits;
+    EXPECT_EQ(quits, 1u) << log;
 }
 
 TEST_F(LoaderHandOver, TheRegisteredControllerAnswersForTheLauncher)
