@@ -14,8 +14,9 @@
  *                     (dlsym(RTLD_DEFAULT, ...)): with it, ntdll reserves
  *                     nothing more and takes these for Windows memory.
  *   wine_init(argc, argv, error, error_size)
- *                     loads ntdll.so from the product's Wine folder
- *                     (<root>/lib/wine/ntdll.so, a link to Debian's) and
+ *                     loads the ntdll.so beside the executable (the
+ *                     launcher's copy in the product's Wine folder,
+ *                     <root>/lib/wine, holds a link to Debian's) and
  *                     calls __wine_main, which does not return while Wine
  *                     runs; when Wine ends the program it ends the process
  *                     with exit(). Back only when Wine could not start, with
@@ -77,22 +78,21 @@ static void say(char *error, int error_size, const char *format, ...)
     va_end(arguments);
 }
 
-/* <root>/lib/wine/ntdll.so for this library at <root>/lib64/libwine.so.1. */
+/* ntdll.so beside the executable this process runs: ntdll takes every
+ * folder it needs from there, so Wine runs only in a launcher reached in
+ * the product's Wine folder. */
 static int ntdll_path(char *path, size_t size)
 {
-    Dl_info info;
-    char *self, *slash;
+    char *self = realpath("/proc/self/exe", NULL);
+    char *slash;
     int written;
 
-    if (!dladdr((void *)ntdll_path, &info) || !info.dli_fname)
-        return 0;
-    self = realpath(info.dli_fname, NULL);
     if (!self)
         return 0;
     slash = strrchr(self, '/');
     if (slash)
         *slash = 0;
-    written = snprintf(path, size, "%s/../lib/wine/ntdll.so", self);
+    written = snprintf(path, size, "%s/ntdll.so", self);
     free(self);
     return written > 0 && (size_t)written < size;
 }
@@ -109,7 +109,11 @@ WINE_EXPORT void wine_init(int argc, char *argv[], char *error, int error_size)
     if (error && error_size > 0)
         error[0] = 0;
     if (!ntdll_path(path, sizeof path)) {
-        say(error, error_size, "cannot tell where the product's Wine folder is");
+        say(error, error_size, "cannot tell which executable this process runs");
+        return;
+    }
+    if (access(path, F_OK) != 0) {
+        say(error, error_size, "%s is missing: the launcher must be run from the product's Wine folder", path);
         return;
     }
     ntdll = dlopen(path, RTLD_NOW);
