@@ -324,6 +324,15 @@ TEST_F(HelperServerX11Test, AWineWindowCountsOnlyWhenItsProcessCannotBeAsked)
     EXPECT_EQ(X11Windows(x->name()).windowsWithTag(101), (std::vector<Window> { unknownWine, unknownProgram }));
 }
 
+TEST_F(HelperServerX11Test, AWindowOfTheLauncherItselfBelongsToItsProgram)
+{
+    // A program inside its launcher: the window's process is the tag, and
+    // its environment as the system shows it carries no tag at all.
+    Window inside = show({ "inside its launcher", std::nullopt });
+    show({ "another, untagged", std::nullopt });
+    EXPECT_EQ(X11Windows(x->name()).windowsWithTag(programs.front()->pid()), std::vector<Window> { inside });
+}
+
 TEST_F(HelperServerX11Test, AVanishedWindowOrALostServerFailsTheQuestionNotTheProcess)
 {
     Window window = show({ "first of 101", "101" });
