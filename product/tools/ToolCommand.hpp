@@ -12,9 +12,10 @@
 // somewhere, and guessing what it meant would start the wrong program.
 // "--enable-alt-loader" lets the program be handed over to the launcher,
 // to run inside it (the product's loader, product/wine/), while the
-// launcher offers its loader socket. "--arch" hands back an entry whose program wants the other
-// architecture; Debian's wine64 picks the architecture of each program
-// itself, so the entry is simply started again.
+// launcher offers its loader socket. "--arch" hands back an entry whose
+// program wants the other architecture; Debian's wine64 picks the
+// architecture of each program itself, so the entry is simply started
+// again.
 #pragma once
 
 #include <filesystem>
