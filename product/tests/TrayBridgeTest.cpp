@@ -308,6 +308,9 @@ protected:
         // Wine's first set-up talks on standard error whatever WINEDEBUG says.
         Child boot({ kWine, "wineboot", "--init" }, wineEnvironment({ "WINEDLLOVERRIDES=mscoree,mshtml=" }), true);
         ASSERT_EQ(boot.waitForExit(120s), 0) << "wineboot --init failed";
+        // Debian's server shuts the bottle down as its last process ends,
+        // and a program started meanwhile may go down with it.
+        ASSERT_EQ(Child({ vt::product::wineServer(kWine).string(), "-w" }, wineEnvironment()).waitForExit(60s), 0);
     }
 
     void TearDown() override
