@@ -7,6 +7,8 @@
 
 #include "base/PlatformLog.hpp"
 #include "product/common/ProductPaths.hpp"
+#include "product/common/StartMenu.hpp"
+#include "product/launchers/ShellLink.hpp"
 
 namespace vt::product {
 
@@ -26,6 +28,8 @@ struct BottlePreparation::SetUp {
 };
 
 namespace {
+    const char* const kNotepadShortcut = "Programs/Accessories/Notepad.lnk";
+
     // One step of a set-up, run in the bottle with the main application's
     // environment and standard error, so that Wine's own complaints land in
     // its log. Standard input is the null device.
@@ -35,7 +39,7 @@ namespace {
         GPtr<GSubprocessLauncher> launcher = adopt(g_subprocess_launcher_new(G_SUBPROCESS_FLAGS_NONE));
         g_subprocess_launcher_setenv(launcher.get(), "WINEPREFIX", prefix.c_str(), TRUE);
         g_subprocess_launcher_setenv(launcher.get(), "WINEDEBUG", kQuietWineDebug, TRUE);
-        g_subprocess_launcher_setenv(launcher.get(), "WINEDLLOVERRIDES", kNoMonoOrGeckoOverrides, TRUE);
+        g_subprocess_launcher_setenv(launcher.get(), "WINEDLLOVERRIDES", kBottleSetUpOverrides, TRUE);
         std::vector<const char*> arguments;
         for (const auto& argument : argv)
             arguments.push_back(argument.c_str());
@@ -48,7 +52,10 @@ namespace {
     bool wasCancelled(const GErrorHolder& error) { return error.matches(G_IO_ERROR, G_IO_ERROR_CANCELLED); }
 } // namespace
 
-BottlePreparation::BottlePreparation() : m_cancellable(adopt(g_cancellable_new())) {}
+BottlePreparation::BottlePreparation(std::function<void(const std::string&)> ready)
+    : m_ready(std::move(ready)), m_cancellable(adopt(g_cancellable_new()))
+{
+}
 
 BottlePreparation::~BottlePreparation() { g_cancellable_cancel(m_cancellable.get()); }
 
@@ -95,6 +102,9 @@ void BottlePreparation::start(const std::string& bottle, const std::filesystem::
     setUp->steps = {
         { "wineboot --init", { wine.string(), "wineboot", "--init" } },
         { "text documents to Notepad", { wine.string(), "reg", "add", "HKCR\\.txt", "/ve", "/d", "txtfile", "/f" } },
+        { "no menu builder",
+          { wine.string(), "reg", "add", "HKCU\\Software\\Wine\\DllOverrides", "/v", "winemenubuilder.exe", "/t",
+            "REG_SZ", "/d", "", "/f" } },
         { "no Wine System Tray window",
           { wine.string(), "reg", "add", "HKCU\\Software\\Wine\\X11 Driver", "/v", "ShowSystray", "/t", "REG_SZ",
             "/d", "N", "/f" } },
@@ -149,15 +159,32 @@ void BottlePreparation::onStepEnded(GObject* process, GAsyncResult* result, gpoi
 
 void BottlePreparation::finish(SetUp& setUp)
 {
-    std::filesystem::path marker = setUp.prefix / kReadyMarker;
     GErrorHolder error;
+    std::filesystem::path shortcut = startMenuFolders(setUp.prefix).front() / kNotepadShortcut;
+    std::error_code exists;
+    if (!std::filesystem::exists(shortcut, exists)) {
+        ShellLink notepad;
+        notepad.target = "C:\\windows\\system32\\notepad.exe";
+        notepad.description = "Write and edit plain text";
+        std::vector<uint8_t> bytes = writeShellLink(notepad);
+        if (g_mkdir_with_parents(shortcut.parent_path().c_str(), 0755) != 0
+            || !g_file_set_contents(shortcut.c_str(), reinterpret_cast<const char*>(bytes.data()),
+                                    static_cast<gssize>(bytes.size()), error)) {
+            fail(setUp, "writing " + shortcut.string(), error ? error.message() : g_strerror(errno));
+            return;
+        }
+    }
+    std::filesystem::path marker = setUp.prefix / kReadyMarker;
     if (!g_file_set_contents(marker.c_str(), "", 0, error)) {
         fail(setUp, "writing " + marker.string(), error.message());
         return;
     }
     std::chrono::duration<double> took = std::chrono::steady_clock::now() - setUp.started;
     platformLog("bottle \"%@\" is ready: made in %.1f s", setUp.bottle, took.count());
-    m_setUps.erase(setUp.bottle);
+    std::string bottle = setUp.bottle;
+    m_setUps.erase(bottle);
+    if (m_ready)
+        m_ready(bottle);
 }
 
 void BottlePreparation::fail(SetUp& setUp, const std::string& step, const char* why)

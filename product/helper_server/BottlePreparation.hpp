@@ -4,6 +4,11 @@
 //
 //   <wine> wineboot --init          Wine's own first set-up of the prefix
 //   <wine> reg add HKCR\.txt ...    text documents open in Notepad
+//   <wine> reg add HKCU\Software\Wine\DllOverrides /v winemenubuilder.exe ...
+//                                   Wine's own menu builder off for good:
+//                                   the product makes the launchers, and
+//                                   Wine's desktop entries would take the
+//                                   desktop's document types over
 //   <wine> reg add "HKCU\Software\Wine\X11 Driver" /v ShowSystray ... N
 //                                   no captioned "Wine System Tray" window:
 //                                   the launcher shows the programs' tray
@@ -11,14 +16,18 @@
 //   <wineserver> -w                 until the bottle's wineserver has ended,
 //                                   so that its registry is on disk
 //
-// one after the other, in the background, with WINEPREFIX set to the prefix;
-// then the ready marker is written. Until the marker is there the bottle is
+// one after the other, in the background, with WINEPREFIX set to the prefix
+// (and the menu builder off from the first step); then Notepad gets a
+// shortcut in the bottle's Start menu, Programs/Accessories/Notepad.lnk, as
+// Windows gives it one (a new Wine prefix has none), and the ready marker is
+// written. Until the marker is there the bottle is
 // not ready. A set-up that fails is logged and forgotten, so that the next
 // question starts it again.
 #pragma once
 
 #include <chrono>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <memory>
 #include <set>
@@ -33,10 +42,14 @@ namespace vt::product {
 // not there, on the first start of every prefix.
 inline constexpr const char* kQuietWineDebug = "-all";
 inline constexpr const char* kNoMonoOrGeckoOverrides = "mscoree,mshtml=";
+// The same, with Wine's menu builder kept from making desktop entries and
+// taking document types while a bottle is made.
+inline constexpr const char* kBottleSetUpOverrides = "mscoree,mshtml=;winemenubuilder.exe=d";
 
 class BottlePreparation {
 public:
-    BottlePreparation();
+    // `ready` is told each bottle this preparation has made ready.
+    explicit BottlePreparation(std::function<void(const std::string& bottle)> ready = {});
     // Stops listening for the set-ups under way. Their processes go on: a
     // wineboot ended half-way spoils the prefix, one left to end does not,
     // and the marker not written yet means the next start checks again.
@@ -59,6 +72,7 @@ private:
     void finish(SetUp& setUp);
     void fail(SetUp& setUp, const std::string& step, const char* why);
 
+    std::function<void(const std::string&)> m_ready;
     GPtr<GCancellable> m_cancellable;
     std::map<std::string, std::unique_ptr<SetUp>> m_setUps;
     std::set<std::string> m_badNamesLogged;

@@ -52,7 +52,8 @@ namespace {
     }
 } // namespace
 
-HelperServer::HelperServer(GDBusConnection* connection)
+HelperServer::HelperServer(GDBusConnection* connection, std::function<void(const std::string&)> bottleReady)
+    : m_bottles(std::move(bottleReady))
 {
     // Export before owning the name: whoever sees the name finds the object.
     static const GDBusInterfaceVTable vtable = { handleMethodCall, nullptr, nullptr, { nullptr } };

@@ -21,6 +21,9 @@
 //                                    (X11Windows.hpp); callers do not wait.
 #pragma once
 
+#include <functional>
+#include <string>
+
 #include "base/glib_glue.hpp"
 #include "product/helper_server/BottlePreparation.hpp"
 
@@ -30,7 +33,8 @@ class HelperServer {
 public:
     // Exports the server's object on `connection` and owns its name there;
     // throws when the object cannot be exported.
-    explicit HelperServer(GDBusConnection* connection);
+    // `bottleReady` is told each bottle the server has made ready.
+    HelperServer(GDBusConnection* connection, std::function<void(const std::string& bottle)> bottleReady = {});
     // Gives the name back, then withdraws the object.
     ~HelperServer();
     HelperServer(const HelperServer&) = delete;

@@ -162,6 +162,150 @@ namespace {
     }
 } // namespace
 
+namespace {
+    // UTF-8 to UTF-16 code units; a byte that starts no valid sequence is
+    // taken as Latin-1.
+    std::u16string toUtf16(const std::string& text)
+    {
+        std::u16string out;
+        for (size_t i = 0; i < text.size();) {
+            auto byte = static_cast<uint8_t>(text[i]);
+            size_t length = byte < 0x80 ? 1 : (byte >> 5) == 0x6 ? 2 : (byte >> 4) == 0xE ? 3 : (byte >> 3) == 0x1E ? 4 : 0;
+            uint32_t codePoint = length == 1 ? byte : length == 2 ? byte & 0x1F : length == 3 ? byte & 0x0F : byte & 0x07;
+            bool valid = length > 0 && i + length <= text.size();
+            for (size_t k = 1; valid && k < length; ++k) {
+                auto next = static_cast<uint8_t>(text[i + k]);
+                valid = (next & 0xC0) == 0x80;
+                codePoint = (codePoint << 6) | (next & 0x3F);
+            }
+            if (!valid) {
+                codePoint = byte;
+                length = 1;
+            }
+            if (codePoint >= 0x10000) {
+                codePoint -= 0x10000;
+                out += static_cast<char16_t>(0xD800 + (codePoint >> 10));
+                out += static_cast<char16_t>(0xDC00 + (codePoint & 0x3FF));
+            } else {
+                out += static_cast<char16_t>(codePoint);
+            }
+            i += length;
+        }
+        return out;
+    }
+
+    // The ANSI code page as Latin-1 (the reader's reading): other
+    // characters become '?'.
+    std::string toAnsi(const std::u16string& text)
+    {
+        std::string out;
+        for (char16_t unit : text)
+            out += unit < 0x100 ? static_cast<char>(unit) : '?';
+        return out;
+    }
+
+    class Writer {
+    public:
+        void u16(uint32_t value)
+        {
+            bytes.push_back(static_cast<uint8_t>(value));
+            bytes.push_back(static_cast<uint8_t>(value >> 8));
+        }
+        void u32(uint32_t value)
+        {
+            u16(value & 0xFFFF);
+            u16(value >> 16);
+        }
+        void zeros(size_t count) { bytes.resize(bytes.size() + count, 0); }
+        void ansiz(const std::string& text)
+        {
+            bytes.insert(bytes.end(), text.begin(), text.end());
+            bytes.push_back(0);
+        }
+        void wide(const std::u16string& text)
+        {
+            for (char16_t unit : text)
+                u16(unit);
+        }
+        // A counted string of the string-data part.
+        void counted(const std::u16string& text)
+        {
+            if (text.size() > 0xFFFF)
+                throw ShellLinkError("a shortcut's string holds at most 65535 characters");
+            u16(static_cast<uint32_t>(text.size()));
+            wide(text);
+        }
+
+        std::vector<uint8_t> bytes;
+    };
+} // namespace
+
+std::vector<uint8_t> writeShellLink(const ShellLink& link)
+{
+    if (link.target.empty())
+        throw ShellLinkError("a shortcut needs a target");
+    const std::pair<const std::string*, uint32_t> strings[] = {
+        { &link.description, HasName },
+        { &link.workingDirectory, HasWorkingDirectory },
+        { &link.arguments, HasArguments },
+        { &link.iconLocation, HasIconLocation },
+    };
+    uint32_t flags = HasLinkInfo | IsUnicode;
+    for (const auto& [text, flag] : strings)
+        if (!text->empty())
+            flags |= flag;
+
+    Writer out;
+    out.u32(kHeaderSize);
+    out.bytes.insert(out.bytes.end(), kLinkClassId.begin(), kLinkClassId.end());
+    out.u32(flags);
+    out.zeros(4 + 8 + 8 + 8 + 4); // attributes, three times, size
+    out.u32(static_cast<uint32_t>(link.iconIndex));
+    out.u32(1); // shown normally
+    out.zeros(2 + 2 + 4 + 4); // hot key, reserved
+
+    // The link-info block: its 0x24-byte header, a volume id (a fixed
+    // drive, no label), the ANSI base path and an empty common suffix, then
+    // the UTF-16 base path and suffix.
+    std::u16string target = toUtf16(link.target);
+    std::string ansiTarget = toAnsi(target);
+    const uint32_t headerSize = 0x24;
+    const uint32_t volumeSize = 0x11;
+    uint32_t ansiPath = headerSize + volumeSize;
+    uint32_t ansiSuffix = ansiPath + static_cast<uint32_t>(ansiTarget.size()) + 1;
+    uint32_t widePath = ansiSuffix + 1;
+    if (widePath % 2)
+        ++widePath;
+    uint32_t wideSuffix = widePath + static_cast<uint32_t>(target.size() + 1) * 2;
+    uint32_t size = wideSuffix + 2;
+    out.u32(size);
+    out.u32(headerSize);
+    out.u32(kVolumeIdAndLocalBasePath);
+    out.u32(headerSize); // volume id
+    out.u32(ansiPath);
+    out.u32(0); // no network share
+    out.u32(ansiSuffix);
+    out.u32(widePath);
+    out.u32(wideSuffix);
+    out.u32(volumeSize);
+    out.u32(3); // a fixed drive
+    out.u32(0); // serial number
+    out.u32(0x10); // label offset
+    out.zeros(1); // an empty label
+    out.ansiz(ansiTarget);
+    out.zeros(1); // the common path suffix
+    out.zeros(widePath - (ansiSuffix + 1));
+    out.wide(target);
+    out.u16(0);
+    out.u16(0);
+
+    for (const auto& [text, flag] : strings)
+        if (!text->empty())
+            out.counted(toUtf16(*text));
+    out.u32(0); // no extra data
+    return out.bytes;
+}
+
 ShellLink readShellLink(std::span<const uint8_t> bytes)
 {
     Reader reader(bytes);

@@ -16,6 +16,7 @@
 #include <span>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 namespace vt::product {
 
@@ -37,5 +38,12 @@ struct ShellLink {
 
 // Throws ShellLinkError.
 ShellLink readShellLink(std::span<const uint8_t> bytes);
+
+// The bytes of a shortcut to `link.target`, a local Windows path, as
+// Windows writes one without an item-id list: the link-info block gives the
+// target (ANSI, which Wine's shell reads, and UTF-16), then the name,
+// working directory, arguments and icon location that are not empty, in
+// UTF-16. readShellLink() gives `link` back.
+std::vector<uint8_t> writeShellLink(const ShellLink& link);
 
 } // namespace vt::product

@@ -3,6 +3,10 @@
 // host of the helper server (com.tallowmere.Vantor.HelperServer) on the same
 // connection.
 //
+// It keeps the launchers of the bottles in line with their Start menus
+// (LauncherUpdates.hpp), with the product's vtlaunchers beside the tools
+// (<bundle>/Contents/SharedSupport/Vantor/bin).
+//
 // It stays up, with nothing to show, until SIGTERM, SIGINT or SIGHUP, or
 // until its session bus goes away (GIO's shared connection raises SIGTERM as
 // it closes); then it gives its names back and exits with status 0. Started
@@ -12,6 +16,7 @@
 // Exits with status 1 when it cannot register on a session bus.
 #include <csignal>
 #include <exception>
+#include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
@@ -20,6 +25,7 @@
 #include "base/PlatformLog.hpp"
 #include "base/glib_glue.hpp"
 #include "product/helper_server/HelperServer.hpp"
+#include "product/main_app/LauncherUpdates.hpp"
 #include "source/VantorNames.hpp"
 
 namespace {
@@ -54,6 +60,7 @@ public:
         int status = g_application_run(m_app.get(), argc, argv);
         // The helper server's name goes before the application's.
         m_helperServer.reset();
+        m_launchers.reset();
         return status;
     }
 
@@ -66,9 +73,15 @@ private:
         GDBusConnection* bus = g_application_get_dbus_connection(app);
         if (!bus)
             return;
+        auto& self = *static_cast<MainApplication*>(data);
         try {
-            static_cast<MainApplication*>(data)->m_helperServer
-                = std::make_unique<vt::product::HelperServer>(bus);
+            std::error_code error;
+            std::filesystem::path executable = std::filesystem::read_symlink("/proc/self/exe", error);
+            self.m_launchers = std::make_unique<vt::product::LauncherUpdates>(
+                executable.parent_path().parent_path() / "SharedSupport/Vantor/bin/vtlaunchers");
+            self.m_helperServer = std::make_unique<vt::product::HelperServer>(
+                bus, [&self](const std::string& bottle) { self.m_launchers->watch(bottle); });
+            self.m_launchers->watchReadyBottles();
         } catch (const std::exception& e) {
             vt::platformLog("cannot serve the helper server: %@", e.what());
         }
@@ -95,6 +108,7 @@ private:
 
     vt::GPtr<GApplication> m_app;
     std::vector<vt::UnixSignalSource> m_quitSignals;
+    std::unique_ptr<vt::product::LauncherUpdates> m_launchers;
     std::unique_ptr<vt::product::HelperServer> m_helperServer;
 };
 

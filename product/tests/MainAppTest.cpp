@@ -140,9 +140,10 @@ TEST_F(HelperServerTest, MakesABottleOnceAndThenIsReady)
     EXPECT_TRUE(std::filesystem::exists(prefix("Steam") / "system.reg"));
 
     std::string inBottle = " WINEPREFIX=" + prefix("Steam").string()
-        + " WINEDEBUG=-all WINEDLLOVERRIDES=mscoree,mshtml=\n";
+        + " WINEDEBUG=-all WINEDLLOVERRIDES=mscoree,mshtml=;winemenubuilder.exe=d\n";
     std::string wanted = "wine wineboot --init (2)" + inBottle
         + "wine reg add HKCR\\.txt /ve /d txtfile /f (7)" + inBottle
+        + "wine reg add HKCU\\Software\\Wine\\DllOverrides /v winemenubuilder.exe /t REG_SZ /d  /f (10)" + inBottle
         + "wine reg add HKCU\\Software\\Wine\\X11 Driver /v ShowSystray /t REG_SZ /d N /f (10)" + inBottle
         + "wineserver -w WINEPREFIX=" + prefix("Steam").string() + "\n";
     EXPECT_EQ(calls(), wanted);

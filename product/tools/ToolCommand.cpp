@@ -8,7 +8,7 @@
 #include <unistd.h>
 
 #include "product/common/ProductPaths.hpp"
-#include "product/tools/StartMenu.hpp"
+#include "product/common/StartMenu.hpp"
 
 namespace vt::product {
 

@@ -1,6 +1,8 @@
-#include "product/tools/StartMenu.hpp"
+#include "product/common/StartMenu.hpp"
 
 #include <algorithm>
+#include <cctype>
+#include <map>
 #include <cstdlib>
 #include <system_error>
 
@@ -76,18 +78,75 @@ std::vector<fs::path> startMenuFolders(const fs::path& prefix)
     return folders;
 }
 
+namespace {
+    std::string lowerAscii(std::string text)
+    {
+        for (char& c : text)
+            if (c >= 'A' && c <= 'Z')
+                c = static_cast<char>(c + ('a' - 'A'));
+        return text;
+    }
+
+    // `components` below `folder`, each in any case.
+    std::optional<fs::path> below(fs::path folder, const std::vector<std::string>& components)
+    {
+        std::optional<fs::path> found = std::move(folder);
+        for (const std::string& component : components) {
+            found = child(*found, component);
+            if (!found)
+                break;
+        }
+        return found;
+    }
+} // namespace
+
+std::vector<std::string> startMenuEntries(const std::vector<fs::path>& folders)
+{
+    std::map<std::string, std::string> entries; // by lower-case path
+    for (const fs::path& folder : folders) {
+        std::error_code error;
+        // Links are not followed: a Start menu is the bottle's own folders.
+        for (auto item = fs::recursive_directory_iterator(folder, error); !error && item != fs::end(item);
+             item.increment(error)) {
+            std::error_code typeError;
+            if (!item->is_regular_file(typeError) || lowerAscii(item->path().extension().string()) != ".lnk")
+                continue;
+            std::string entry = item->path().lexically_relative(folder).generic_string();
+            entries.emplace(lowerAscii(entry), entry);
+        }
+    }
+    std::vector<std::string> sorted;
+    for (auto& [key, entry] : entries)
+        sorted.push_back(std::move(entry));
+    std::sort(sorted.begin(), sorted.end());
+    return sorted;
+}
+
+std::optional<fs::path> unixPathInBottle(const fs::path& prefix, const std::string& windowsPath)
+{
+    if (windowsPath.size() < 2 || windowsPath[1] != ':' || !std::isalpha(static_cast<unsigned char>(windowsPath[0])))
+        return std::nullopt;
+    auto components = componentsOf(windowsPath.substr(2));
+    if (!components)
+        return std::nullopt;
+    std::string drive = lowerAscii(windowsPath.substr(0, 2));
+    std::error_code error;
+    fs::path root = prefix / "dosdevices" / drive;
+    if (!fs::is_directory(root, error))
+        return std::nullopt;
+    auto found = below(root, *components);
+    if (!found || !fs::exists(*found, error))
+        return std::nullopt;
+    return found;
+}
+
 std::optional<fs::path> findStartMenuEntry(const std::vector<fs::path>& folders, const std::string& entry)
 {
     auto components = componentsOf(entry);
     if (!components)
         return std::nullopt;
     for (const fs::path& folder : folders) {
-        std::optional<fs::path> found = folder;
-        for (const std::string& component : *components) {
-            found = child(*found, component);
-            if (!found)
-                break;
-        }
+        auto found = below(folder, *components);
         std::error_code error;
         if (found && fs::is_regular_file(*found, error))
             return found;

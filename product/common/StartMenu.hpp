@@ -4,6 +4,10 @@
 // (drive_c/users/<user>/AppData/Roaming/Microsoft/Windows/Start Menu). The
 // user is $USER when the prefix has a folder for that name, else each folder
 // under drive_c/users but Public, in name order.
+//
+// Also where a Windows path of the bottle lies on the unix side: a drive
+// letter is a link in <prefix>/dosdevices ("c:" -> ../drive_c), and each
+// component is found as Windows finds it, in any ASCII case.
 #pragma once
 
 #include <filesystem>
@@ -24,5 +28,19 @@ std::vector<std::filesystem::path> startMenuFolders(const std::filesystem::path&
 // with "." or ".." components is in no Start menu.
 std::optional<std::filesystem::path> findStartMenuEntry(const std::vector<std::filesystem::path>& folders,
                                                         const std::string& entry);
+
+// Every shortcut (".lnk" in any case) below `folders`, by its path there
+// with '/' separators ("Programs/Accessories/Notepad.lnk"), sorted. An
+// entry that more than one folder holds (names compared in any ASCII case)
+// is listed once, as the first folder spells it: that is the one
+// findStartMenuEntry() finds.
+std::vector<std::string> startMenuEntries(const std::vector<std::filesystem::path>& folders);
+
+// The unix path of the Windows path `windowsPath` ("C:\windows\notepad.exe",
+// either separator) in the bottle at `prefix`, when it exists there;
+// nothing for a path without a drive letter, a drive the bottle does not
+// have, or a file that is not there.
+std::optional<std::filesystem::path> unixPathInBottle(const std::filesystem::path& prefix,
+                                                      const std::string& windowsPath);
 
 } // namespace vt::product
