@@ -9,6 +9,8 @@
 #include <gtest/gtest.h>
 
 #include "product/common/ProductPaths.hpp"
+#include "product/launchers/BottleLaunchers.hpp"
+#include "product/launchers/ShellLink.hpp"
 #include "shell/HelperServerClient.hpp"
 #include "source/VantorNames.hpp"
 #include "standin/kit/TestSupport.hpp"
@@ -152,6 +154,15 @@ TEST_F(HelperServerTest, MakesABottleOnceAndThenIsReady)
     EXPECT_EQ(info.st_mode & 0777, 0700u);
     EXPECT_EQ(linesWith(log(), "bottle \"Steam\" is ready: made in"), 1u) << log();
 
+    // Made ready, the bottle gets Notepad's shortcut and its launchers are
+    // made at once (Notepad's program is not there with this Wine).
+    EXPECT_TRUE(std::filesystem::exists(
+        prefix("Steam") / "drive_c/ProgramData/Microsoft/Windows/Start Menu/Programs/Accessories/Notepad.lnk"));
+    EXPECT_TRUE(waitUntil([this] {
+        return log().find("launchers of bottle \"Steam\": left out Programs/Accessories/Notepad.lnk: its program "
+                          "C:\\windows\\system32\\notepad.exe is not in the bottle") != std::string::npos;
+    })) << log();
+
     // A ready bottle is answered from the marker, without Wine.
     EXPECT_TRUE(isReady("Steam"));
     EXPECT_EQ(calls(), wanted);
@@ -225,3 +236,51 @@ TEST_F(HelperServerTest, EnvironmentIsTheSessionsWithoutAPrefix)
     EXPECT_FALSE(environment.contains("SECRET_TOKEN"));
 }
 
+
+TEST_F(MainAppTest, KeepsEachBottlesLaunchersInLineWithItsStartMenus)
+{
+    // A ready bottle with a program and its shortcut, made while the main
+    // application was not running.
+    std::filesystem::path bottle = prefix("Office");
+    std::filesystem::path menu = bottle / "drive_c/ProgramData/Microsoft/Windows/Start Menu/Programs";
+    std::filesystem::create_directories(menu);
+    std::filesystem::create_directories(bottle / "dosdevices");
+    std::filesystem::create_symlink("../drive_c", bottle / "dosdevices/c:");
+    vt::test::writeFile(bottle / "drive_c/editor.exe", "MZ");
+    vt::test::writeFile(bottle / vt::product::kReadyMarker, "");
+    auto shortcut = [&](const std::filesystem::path& file) {
+        vt::product::ShellLink link;
+        link.target = "C:\\editor.exe";
+        std::vector<uint8_t> bytes = vt::product::writeShellLink(link);
+        std::filesystem::create_directories(file.parent_path());
+        vt::test::writeFile(file, std::string(bytes.begin(), bytes.end()));
+    };
+    shortcut(menu / "Editor.lnk");
+    auto entry = [&](const std::string& path) {
+        return dir / "data/applications" / (vt::product::launcherIdentifier("Office", path) + ".desktop");
+    };
+    auto runs = [this] { return linesWith(log(), "launchers of bottle \"Office\": bottle \"Office\""); };
+
+    startMainApp();
+    ASSERT_TRUE(waitUntil([&] { return std::filesystem::exists(entry("Programs/Editor.lnk")); })) << log();
+    ASSERT_TRUE(waitUntil([&] { return runs() == 1; })) << log();
+
+    // An installer makes a folder of its own and its shortcuts in it, one
+    // by one: one run once the menu has been quiet for a moment.
+    shortcut(menu / "Suite/Sheets.lnk");
+    shortcut(menu / "Suite/Slides.lnk");
+    EXPECT_TRUE(waitUntil([&] { return std::filesystem::exists(entry("Programs/Suite/Slides.lnk")); })) << log();
+    EXPECT_TRUE(std::filesystem::exists(entry("Programs/Suite/Sheets.lnk")));
+    EXPECT_TRUE(waitUntil([&] { return runs() == 2; })) << log();
+
+    // The new folder is watched too: a program removed from it goes.
+    std::filesystem::remove(menu / "Suite/Slides.lnk");
+    EXPECT_TRUE(waitUntil([&] { return !std::filesystem::exists(entry("Programs/Suite/Slides.lnk")); })) << log();
+    EXPECT_NE(log().find("launchers of bottle \"Office\": removed Slides (Programs/Suite/Slides.lnk)"),
+              std::string::npos);
+
+    // Nothing changes, nothing runs: the menus are watched, not polled.
+    ASSERT_TRUE(waitUntil([&] { return runs() == 3; })) << log();
+    waitUntil([] { return false; }, 2500ms);
+    EXPECT_EQ(runs(), 3u) << log();
+}

@@ -191,3 +191,29 @@ TEST(ShellLink, RefusesWhatIsNoShortcutOrEndsInsideOne)
     EXPECT_EQ(readShellLink(Bytes(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(wholeSize))).target,
               "C:\\editor.exe");
 }
+
+TEST(ShellLinkWriting, GivesBackWhatItWasGivenInAnyScript)
+{
+    ShellLink written;
+    written.target = "C:\\Program Files\\Café\\café.exe";
+    written.arguments = "--open \"a b\" 日本";
+    written.workingDirectory = "C:\\Program Files\\Café";
+    written.description = "Notes 🗒";
+    written.iconLocation = "C:\\windows\\system32\\shell32.dll";
+    written.iconIndex = -3;
+    ShellLink read = readShellLink(writeShellLink(written));
+    EXPECT_EQ(read.target, written.target);
+    EXPECT_EQ(read.arguments, written.arguments);
+    EXPECT_EQ(read.workingDirectory, written.workingDirectory);
+    EXPECT_EQ(read.description, written.description);
+    EXPECT_EQ(read.iconLocation, written.iconLocation);
+    EXPECT_EQ(read.iconIndex, -3);
+
+    // Only a target: no strings at all.
+    ShellLink bare;
+    bare.target = "C:\\windows\\system32\\notepad.exe";
+    ShellLink back = readShellLink(writeShellLink(bare));
+    EXPECT_EQ(back.target, bare.target);
+    EXPECT_TRUE(back.description.empty() && back.arguments.empty() && back.iconLocation.empty());
+    EXPECT_THROW(writeShellLink(ShellLink {}), ShellLinkError);
+}
