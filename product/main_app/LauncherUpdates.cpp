@@ -1,6 +1,7 @@
 #include "product/main_app/LauncherUpdates.hpp"
 
 #include <chrono>
+#include <cstring>
 #include <sstream>
 
 #include "base/PlatformLog.hpp"
@@ -85,6 +86,10 @@ void LauncherUpdates::watchFolders(Bottle& bottle)
                 folders.push_back(item->path());
         }
     }
+    // The bottle's folder too, for its registry: Wine's server saves it
+    // (system.reg, user.reg) some time after an installer has named its
+    // document types, and only then can they be read.
+    folders.push_back(bottlePrefix(bottle.name));
     for (const fs::path& folder : folders) {
         GPtr<GFile> file = adopt(g_file_new_for_path(folder.c_str()));
         GErrorHolder error;
@@ -99,13 +104,24 @@ void LauncherUpdates::watchFolders(Bottle& bottle)
     }
 }
 
-void LauncherUpdates::onMonitorEvent(GFileMonitor*, GFile*, GFile*, GFileMonitorEvent event, gpointer data) noexcept
+void LauncherUpdates::onMonitorEvent(GFileMonitor*, GFile* file, GFile* other, GFileMonitorEvent event,
+                                      gpointer data) noexcept
 {
     // Attribute changes and the end of a burst of writes to a file already
     // seen change no shortcut.
     if (event == G_FILE_MONITOR_EVENT_ATTRIBUTE_CHANGED || event == G_FILE_MONITOR_EVENT_CHANGES_DONE_HINT)
         return;
     auto& bottle = *static_cast<Bottle*>(data);
+    // In the bottle's own folder only its registry counts: the server writes
+    // it to a new file and renames that over the old one.
+    auto isRegistry = [](GFile* changed) {
+        GCharPtr name(changed ? g_file_get_basename(changed) : nullptr);
+        return name && (std::strcmp(name.get(), "system.reg") == 0 || std::strcmp(name.get(), "user.reg") == 0);
+    };
+    GPtr<GFile> parent = adopt(file ? g_file_get_parent(file) : nullptr);
+    GCharPtr folder(parent ? g_file_get_path(parent.get()) : nullptr);
+    if (folder && bottlePrefix(bottle.name) == folder.get() && !isRegistry(file) && !isRegistry(other))
+        return;
     try {
         bottle.owner->changed(bottle);
     } catch (const std::exception& e) {

@@ -5,10 +5,11 @@
 //   - for every ready bottle when it starts, for what changed while it was
 //     not running;
 //   - for a bottle it has just made ready;
-//   - after a bottle's Start menus change, a program installed or removed:
-//     GIO file monitors on every folder below them, no polling. A change
-//     waits for a second of quiet first, so that an installer's many writes
-//     make one run.
+//   - after a bottle's Start menus change, a program installed or removed,
+//     and after its registry is saved, with the document types an installer
+//     named: GIO file monitors on every folder below the menus and on the
+//     bottle's folder, no polling. A change waits for a second of quiet
+//     first, so that an installer's many writes make one run.
 //
 // One run per bottle at a time; a change during a run makes one more after
 // it. What a run prints goes to the main application's log, a line each.
