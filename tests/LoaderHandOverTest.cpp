@@ -284,11 +284,15 @@ TEST_F(LoaderHandOver, WithWineInsideAQuitGoesThroughTheWindowCommandsAlsoWhenTh
     // The launch's own activation has asked for windows.
     ASSERT_TRUE(w.records.waitFor("request", 1)) << w.launcherLog();
     size_t seen = w.records.commandTexts().size();
+    std::filesystem::path socket = w.records.tools("vtmenu").at(0).environment.at("VT_APPRUNNER_ALT_LOADER_SOCKET");
     launcher.signal(SIGTERM);
     EXPECT_EQ(launcher.waitForExit(), 0) << w.launcherLog();
     auto texts = w.records.commandTexts();
     EXPECT_EQ(Strings(texts.begin() + static_cast<std::ptrdiff_t>(seen), texts.end()),
               (Strings { "close", "queryendsession", "endsession", "shutdown" }));
+    // Agreed while Wine's thread still runs, the launcher ends at once, and
+    // its private directory goes all the same.
+    EXPECT_FALSE(std::filesystem::exists(socket.parent_path())) << socket;
 }
 
 TEST_F(LoaderHandOver, AHandOverThatFailsOnceDecidedEndsTheLauncherWithItsTools)
