@@ -17,6 +17,7 @@
 #include "base/PlatformLog.hpp"
 #include "base/VTLog.hpp"
 #include "base/posix_glue.hpp"
+#include "shell/PrivateDirectory.hpp"
 #include "source/VTBundle.hpp"
 
 namespace vt {
@@ -56,6 +57,10 @@ namespace {
     {
         if (isMainThread())
             return;
+        // First of all, the sockets' directory: while this waits, Wine may
+        // still be told by its server to end at once (_exit), and nothing
+        // after this would run.
+        PrivateDirectory::removeAllOfThisProcess();
         struct Stop {
             std::mutex mutex;
             std::condition_variable changed;

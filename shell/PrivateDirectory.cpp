@@ -61,10 +61,16 @@ namespace {
         live.entries.emplace_back(::getpid(), path);
     }
 
+    // Removes `path` and its entry. Under the lock, like the removal at
+    // exit: run side by side (the main thread's quit and Wine's exit() on
+    // its own thread), each would find the other's half-removed directory
+    // and give up on it, and the directory would stay.
     void removeLiveDirectory(const std::filesystem::path& path) noexcept
     {
         LiveDirectories& live = liveDirectories();
         std::lock_guard lock(live.mutex);
+        std::error_code ignored;
+        std::filesystem::remove_all(path, ignored);
         std::erase_if(live.entries, [&](const auto& entry) { return entry.second == path; });
     }
 
@@ -179,11 +185,11 @@ void PrivateDirectory::remove() noexcept
 {
     if (!m_path)
         return;
-    std::error_code error;
-    std::filesystem::remove_all(*m_path, error);
     removeLiveDirectory(*m_path);
     m_path.reset();
 }
+
+void PrivateDirectory::removeAllOfThisProcess() noexcept { removeLiveDirectoriesAtExit(); }
 
 std::optional<std::string> bindFreshSocket(int socket, const std::filesystem::path& directory, const char* prefix)
 {

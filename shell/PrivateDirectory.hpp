@@ -34,6 +34,11 @@ public:
     // path() makes a new one.
     void remove() noexcept;
 
+    // Removes every directory this process made and still has, for an end
+    // that may not reach the exit handler (Wine ends its process with
+    // _exit() when its server tells it to).
+    static void removeAllOfThisProcess() noexcept;
+
     // Where a new directory goes, from the environment.
     static std::filesystem::path parentDirectory();
 
