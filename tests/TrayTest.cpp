@@ -250,8 +250,12 @@ TEST_F(Tray, WhileTheProgramAsksSaveChangesTheDesktopAndASecondLaunchAreServed)
     // The desktop reads the item and its menu; a second launch is taken.
     EXPECT_EQ(watcher.stringProperty("Title"), "Notepad");
     EXPECT_EQ(watcher.menuLayout().children.size(), 1u);
+    auto beforeSecondLaunch = raisesOf(launcher);
     EXPECT_EQ(w.startLauncher().waitForExit(), 0);
     EXPECT_TRUE(w.waitForLog("event: reopen")) << w.launcherLog();
+    // The second launch's activation raises the windows too; the helper
+    // server may record that after the click below has been made.
+    ASSERT_TRUE(waitUntil([&] { return raisesOf(launcher) == beforeSecondLaunch + 1; })) << w.launcherLog();
     // A click on the icon brings the program's windows, and so its question, forward at once.
     auto before = raisesOf(launcher);
     watcher.activate(10, 10);
