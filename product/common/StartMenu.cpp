@@ -2,9 +2,11 @@
 
 #include <algorithm>
 #include <cctype>
-#include <map>
 #include <cstdlib>
+#include <map>
 #include <system_error>
+
+#include "product/common/AsciiText.hpp"
 
 namespace vt::product {
 
@@ -79,14 +81,6 @@ std::vector<fs::path> startMenuFolders(const fs::path& prefix)
 }
 
 namespace {
-    std::string lowerAscii(std::string text)
-    {
-        for (char& c : text)
-            if (c >= 'A' && c <= 'Z')
-                c = static_cast<char>(c + ('a' - 'A'));
-        return text;
-    }
-
     // `components` below `folder`, each in any case.
     std::optional<fs::path> below(fs::path folder, const std::vector<std::string>& components)
     {

@@ -10,6 +10,7 @@
 #include <sstream>
 
 #include "base/glib_glue.hpp"
+#include "product/common/AsciiText.hpp"
 #include "product/common/ProductPaths.hpp"
 #include "product/common/StartMenu.hpp"
 #include "product/launchers/ProgramIcon.hpp"
@@ -31,14 +32,6 @@ namespace {
     const char* const kBundleIcon = "AppIcon.png";
     const char* const kBottleKey = "X-Vantor-Bottle";
     const char* const kEntryKey = "X-Vantor-StartMenuEntry";
-
-    std::string lowerAscii(std::string text)
-    {
-        for (char& c : text)
-            if (c >= 'A' && c <= 'Z')
-                c = static_cast<char>(c + ('a' - 'A'));
-        return text;
-    }
 
     // One element of an application id: ASCII letters and digits as they
     // are, every other byte (the escape's own '_' included) as _xx, so that

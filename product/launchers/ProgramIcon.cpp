@@ -5,6 +5,7 @@
 #include <string>
 
 #include "base/glib_glue.hpp"
+#include "product/common/AsciiText.hpp"
 
 namespace vt::product {
 
@@ -39,13 +40,7 @@ namespace {
         return output ? output.get() : "";
     }
 
-    bool isIconFile(const fs::path& file)
-    {
-        std::string extension = file.extension().string();
-        std::transform(extension.begin(), extension.end(), extension.begin(),
-                       [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-        return extension == ".ico";
-    }
+    bool isIconFile(const fs::path& file) { return lowerAscii(file.extension().string()) == ".ico"; }
 
     // The group icon of `file` that `index` names, written to `ico`.
     void extractGroup(const fs::path& file, int index, const fs::path& ico)

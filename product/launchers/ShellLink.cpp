@@ -4,6 +4,7 @@
 #include <array>
 #include <cstring>
 
+#include "product/common/AsciiText.hpp"
 namespace vt::product {
 
 namespace {
@@ -25,25 +26,6 @@ namespace {
     constexpr uint32_t kEnvironmentVariableBlock = 0xA0000001;
     constexpr size_t kEnvironmentAnsiSize = 260;
     constexpr size_t kEnvironmentUnicodeSize = 520;
-
-    void appendUtf8(std::string& out, uint32_t codePoint)
-    {
-        if (codePoint < 0x80) {
-            out += static_cast<char>(codePoint);
-        } else if (codePoint < 0x800) {
-            out += static_cast<char>(0xC0 | (codePoint >> 6));
-            out += static_cast<char>(0x80 | (codePoint & 0x3F));
-        } else if (codePoint < 0x10000) {
-            out += static_cast<char>(0xE0 | (codePoint >> 12));
-            out += static_cast<char>(0x80 | ((codePoint >> 6) & 0x3F));
-            out += static_cast<char>(0x80 | (codePoint & 0x3F));
-        } else {
-            out += static_cast<char>(0xF0 | (codePoint >> 18));
-            out += static_cast<char>(0x80 | ((codePoint >> 12) & 0x3F));
-            out += static_cast<char>(0x80 | ((codePoint >> 6) & 0x3F));
-            out += static_cast<char>(0x80 | (codePoint & 0x3F));
-        }
-    }
 
     // UTF-16LE code units to UTF-8; a lone surrogate becomes U+FFFD.
     std::string fromUtf16(std::span<const uint8_t> bytes)

@@ -6,31 +6,11 @@
 #include <set>
 #include <sstream>
 
+#include "product/common/AsciiText.hpp"
+
 namespace vt::product {
 
 namespace {
-    std::string lower(std::string_view text)
-    {
-        std::string out(text);
-        for (char& c : out)
-            c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-        return out;
-    }
-
-    void appendUtf8(std::string& out, uint32_t unit)
-    {
-        if (unit < 0x80) {
-            out += static_cast<char>(unit);
-        } else if (unit < 0x800) {
-            out += static_cast<char>(0xC0 | (unit >> 6));
-            out += static_cast<char>(0x80 | (unit & 0x3F));
-        } else {
-            out += static_cast<char>(0xE0 | (unit >> 12));
-            out += static_cast<char>(0x80 | ((unit >> 6) & 0x3F));
-            out += static_cast<char>(0x80 | (unit & 0x3F));
-        }
-    }
-
     // Reads an escaped string from `text` at `at` up to the unescaped
     // `end` character; `at` is left after it. Nothing when it never ends.
     std::optional<std::string> unescape(std::string_view text, size_t& at, char end)
@@ -78,7 +58,7 @@ namespace {
             { "%programfiles%", "C:\\Program Files" },
         };
         for (const auto& [name, value] : variables) {
-            std::string lowered = lower(path);
+            std::string lowered = lowerAscii(path);
             if (size_t at = lowered.find(name); at != std::string::npos)
                 path.replace(at, name.size(), value);
         }
@@ -114,7 +94,7 @@ RegistryFile RegistryFile::parse(std::string_view text)
             std::optional<std::string> name = unescape(line, at, ']');
             current = nullptr;
             if (name) {
-                Key& key = registry.m_keys[lower(*name)];
+                Key& key = registry.m_keys[lowerAscii(*name)];
                 key.name = *name;
                 current = &key;
             }
@@ -143,17 +123,17 @@ RegistryFile RegistryFile::parse(std::string_view text)
             continue;
         ++at;
         if (std::optional<std::string> value = unescape(line, at, '"'))
-            current->values[lower(valueName)] = *value;
+            current->values[lowerAscii(valueName)] = *value;
     }
     return registry;
 }
 
 std::optional<std::string> RegistryFile::value(std::string_view key, std::string_view name) const
 {
-    auto found = m_keys.find(lower(key));
+    auto found = m_keys.find(lowerAscii(key));
     if (found == m_keys.end())
         return std::nullopt;
-    auto value = found->second.values.find(lower(name));
+    auto value = found->second.values.find(lowerAscii(name));
     if (value == found->second.values.end())
         return std::nullopt;
     return value->second;
@@ -162,13 +142,13 @@ std::optional<std::string> RegistryFile::value(std::string_view key, std::string
 std::vector<std::string> RegistryFile::subkeys(std::string_view key) const
 {
     // A key below may be written without the keys between.
-    std::string prefix = lower(key) + "\\";
+    std::string prefix = lowerAscii(key) + "\\";
     std::vector<std::string> names;
     std::set<std::string> seen;
     for (auto it = m_keys.lower_bound(prefix); it != m_keys.end() && it->first.starts_with(prefix); ++it) {
         std::string_view rest = std::string_view(it->second.name).substr(prefix.size());
         std::string name(rest.substr(0, rest.find('\\')));
-        if (seen.insert(lower(name)).second)
+        if (seen.insert(lowerAscii(name)).second)
             names.push_back(name);
     }
     return names;
@@ -184,7 +164,7 @@ std::string programOfCommand(std::string_view command)
         size_t end = command.find('"', 1);
         return std::string(command.substr(1, end == std::string_view::npos ? std::string_view::npos : end - 1));
     }
-    std::string lowered = lower(command);
+    std::string lowered = lowerAscii(command);
     if (size_t exe = lowered.find(".exe"); exe != std::string::npos
         && (exe + 4 == lowered.size() || lowered[exe + 4] == ' ' || lowered[exe + 4] == '\t'))
         return std::string(command.substr(0, exe + 4));
@@ -194,7 +174,7 @@ std::string programOfCommand(std::string_view command)
 std::vector<std::string> extensionsOpenedBy(const RegistryFile& machine, const RegistryFile& user,
                                             const std::string& program)
 {
-    const std::string wanted = lower(expandWindowsVariables(program));
+    const std::string wanted = lowerAscii(expandWindowsVariables(program));
     auto classValue = [&](const std::string& key) {
         std::optional<std::string> found = user.value(key);
         return found ? found : machine.value(key);
@@ -208,8 +188,8 @@ std::vector<std::string> extensionsOpenedBy(const RegistryFile& machine, const R
             if (!progId || progId->empty())
                 continue;
             std::optional<std::string> command = classValue("Software\\Classes\\" + *progId + "\\shell\\open\\command");
-            if (command && lower(expandWindowsVariables(programOfCommand(*command))) == wanted)
-                extensions.insert(lower(name));
+            if (command && lowerAscii(expandWindowsVariables(programOfCommand(*command))) == wanted)
+                extensions.insert(lowerAscii(name));
         }
     }
     return { extensions.begin(), extensions.end() };
