@@ -264,23 +264,18 @@ std::string describe(const std::string& message)
         EXPECT_TRUE(got_ == want_) << "got " << describe(got_) << ", wanted " << describe(want_);                    \
     } while (0)
 
-// Xvfb on a display of its own, for Wine's windows.
+// Xvfb on a display of its own, for Wine's windows. Xvfb picks the number
+// itself: two servers started side by side on one number would leave the
+// loser's test on the winner's display until that one ends.
 class Display {
 public:
     Display()
+        : m_server(std::make_unique<Child>(
+              std::vector<std::string> { "/usr/bin/Xvfb", "-displayfd", "1", "-nolisten", "tcp" },
+              std::vector<std::string> {}))
     {
-        for (int number = 190; number < 290 && m_name.empty(); ++number) {
-            if (fs::exists("/tmp/.X" + std::to_string(number) + "-lock"))
-                continue;
-            std::string name = ":" + std::to_string(number);
-            m_server = std::make_unique<Child>(std::vector<std::string> { "/usr/bin/Xvfb", name, "-nolisten", "tcp" },
-                                               std::vector<std::string> {});
-            fs::path socket = "/tmp/.X11-unix/X" + std::to_string(number);
-            for (auto deadline = Clock::now() + 10s; Clock::now() < deadline && !fs::exists(socket);)
-                std::this_thread::sleep_for(20ms);
-            if (fs::exists(socket) && !m_server->waitForExit(100ms))
-                m_name = name;
-        }
+        if (std::string number = m_server->line(30s); !number.empty())
+            m_name = ":" + number;
     }
     // Asked to end, Xvfb takes its lock file with it.
     ~Display() { m_server->terminate(); }
@@ -322,7 +317,7 @@ protected:
     std::vector<std::string> wineEnvironment(std::vector<std::string> more = {}) const
     {
         more.insert(more.end(),
-                    { "WINEPREFIX=" + m_prefix.string(), "WINEDEBUG=-all", "DISPLAY=" + m_display->name(),
+                    { "WINEPREFIX=" + m_prefix.string(), "WINEDEBUG=-all,err+all", "DISPLAY=" + m_display->name(),
                       "HOME=" + (m_world / "home").string(), "PATH=/usr/bin:/bin" });
         return more;
     }
@@ -343,7 +338,7 @@ protected:
                                        "sendwndcmd", "-n", "-e", "explorer;apprunner" },
             std::vector<std::string> {
                 "XDG_DATA_HOME=" + (m_world / "data").string(), "HOME=" + (m_world / "home").string(),
-                "DISPLAY=" + m_display->name(), "WINEDEBUG=-all", "PATH=/usr/bin:/bin",
+                "DISPLAY=" + m_display->name(), "WINEDEBUG=-all,err+all", "PATH=/usr/bin:/bin",
                 "VT_SYSTRAY_SOCKET=" + (m_world / socket).string(), "VT_WINDOW_TAG=" + tag });
     }
 
