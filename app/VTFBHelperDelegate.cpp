@@ -348,6 +348,7 @@ void VTFBHelperDelegate::wineHandOverFailed()
 
 void VTFBHelperDelegate::programEnded()
 {
+    m_endOfSession.programEnded();
     // A loader without a socket path has taken the program into this very
     // process: the launcher is the program now and must stay.
     if (!wineRunsInside())
@@ -411,35 +412,93 @@ TerminateReply VTFBHelperDelegate::applicationShouldTerminate(Application&)
     // Once Wine runs inside the launcher, its own controller decides.
     if (auto reply = m_application.wineControllerShouldTerminate())
         return *reply;
-    if (!programIsRunning())
+    if (!programIsRunning()) {
+        perform(m_endOfSession.launcherEnds());
         return TerminateReply::Now;
-
-    activateMainApplication();
+    }
     // A Windows-style end of session: the program may refuse, and nothing is
     // ever killed, so the user's unsaved work survives a refused quit. The
     // program may ask its user first; the answer comes when it comes.
-    m_windowCommands.sendMessageToTaggedWindows("close", [this](bool closed) {
-        if (!closed) {
-            endOfSessionEnded(false);
-            return;
-        }
-        m_windowCommands.sendMessageToTaggedWindows("queryendsession", [this](bool agreed) {
-            if (agreed) {
-                m_windowCommands.sendMessageToTaggedWindows("endsession");
-                m_windowCommands.sendMessageToTaggedWindows("shutdown", [this](bool) { endOfSessionEnded(true); });
-            } else {
-                m_windowCommands.sendMessageToTaggedWindows("endsessioncancel",
-                                                            [this](bool) { endOfSessionEnded(false); });
-            }
-        });
+    EndOfSession::Actions actions = m_endOfSession.quit();
+    // An answer known at once is the reply itself.
+    std::optional<bool> reply;
+    std::erase_if(actions, [&](const EndOfSession::Action& action) {
+        if (action.kind != EndOfSession::Action::Kind::ReplyToQuit)
+            return false;
+        reply = action.yes;
+        return true;
     });
-    return TerminateReply::Later;
+    perform(actions);
+    if (!reply)
+        return TerminateReply::Later;
+    if (*reply)
+        perform(m_endOfSession.launcherEnds());
+    return *reply ? TerminateReply::Now : TerminateReply::Cancel;
 }
 
-void VTFBHelperDelegate::endOfSessionEnded(bool agreed)
+void VTFBHelperDelegate::applicationSessionMayEnd(Application&)
 {
-    m_application.hide();
-    m_application.replyToApplicationShouldTerminate(agreed);
+    if (auto reply = m_application.wineControllerShouldTerminate()) {
+        // Wine's controller answers for the program, as for a quit.
+        m_application.replyToSessionQuery(*reply != TerminateReply::Cancel, unsavedWorkReason());
+        return;
+    }
+    if (!programIsRunning()) {
+        m_application.replyToSessionQuery(true, {});
+        return;
+    }
+    perform(m_endOfSession.queryEnd());
+}
+
+void VTFBHelperDelegate::applicationSessionWillEnd(Application&)
+{
+    if (m_application.hasWineController() || !programIsRunning()) {
+        m_application.replyToSessionEnd();
+        m_application.terminate();
+        return;
+    }
+    // The launcher ends once the program has: its last process's end asks
+    // for the quit, which has nothing left to ask then.
+    perform(m_endOfSession.end());
+}
+
+std::string VTFBHelperDelegate::unsavedWorkReason() const
+{
+    // What the desktop's logout dialog shows beside the launcher.
+    const std::string& name = m_settings.bundleName ? *m_settings.bundleName : std::string();
+    return (name.empty() ? std::string("The program") : name) + " has unsaved work";
+}
+
+void VTFBHelperDelegate::applicationSessionEndCancelled(Application&) { perform(m_endOfSession.cancel()); }
+
+void VTFBHelperDelegate::perform(const EndOfSession::Actions& actions)
+{
+    using Kind = EndOfSession::Action::Kind;
+    for (const EndOfSession::Action& action : actions) {
+        switch (action.kind) {
+        case Kind::ActivateMainApplication:
+            activateMainApplication();
+            break;
+        case Kind::Send:
+            m_windowCommands.sendMessageToTaggedWindows(
+                action.command, [this](bool confirmed) { perform(m_endOfSession.answered(confirmed)); });
+            break;
+        case Kind::Hide:
+            m_application.hide();
+            break;
+        case Kind::ReplyToQuit:
+            if (action.yes)
+                perform(m_endOfSession.launcherEnds());
+            m_application.replyToApplicationShouldTerminate(action.yes);
+            break;
+        case Kind::AnswerQuery:
+            m_application.replyToSessionQuery(action.yes, unsavedWorkReason());
+            break;
+        case Kind::AnswerEnd:
+            m_application.replyToSessionEnd();
+            break;
+        }
+    }
 }
 
 void VTFBHelperDelegate::applicationWillTerminate()

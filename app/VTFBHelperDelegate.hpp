@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "app/EndOfSession.hpp"
 #include "app/LauncherSettings.hpp"
 #include "app/StartUpSequence.hpp"
 #include "app/WindowsProgram.hpp"
@@ -52,6 +53,10 @@ public:
     // Quitting: an end of session with the Windows program, never a kill.
     TerminateReply applicationShouldTerminate(Application& application) override;
     void applicationWillTerminate() override;
+    // The desktop's logout: the same conversation with the program.
+    void applicationSessionMayEnd(Application& application) override;
+    void applicationSessionWillEnd(Application& application) override;
+    void applicationSessionEndCancelled(Application& application) override;
 
     // Sets up the launch-notify socket on first use; answers whether it is usable.
     bool startLaunchNotify();
@@ -77,8 +82,10 @@ private:
     bool programIsRunning() const;
     // A loader's hand-over failed after it was decided.
     void wineHandOverFailed();
-    // The end-of-session commands are done: the quit question's answer.
-    void endOfSessionEnded(bool agreed);
+    // The reason a refusal gives the session manager.
+    std::string unsavedWorkReason() const;
+    // Carries out what the end of session decided.
+    void perform(const EndOfSession::Actions& actions);
     void findProductTools();
     void startSendWndCmd();
     // The variables other parts of the launcher give each new process.
@@ -121,6 +128,7 @@ private:
 
     WindowsProgram m_program;
     WindowCommandChannel m_windowCommands;
+    EndOfSession m_endOfSession;
 };
 
 } // namespace vt

@@ -254,6 +254,44 @@ void Application::replyToApplicationShouldTerminate(bool shouldTerminate)
     }
 }
 
+void ApplicationDelegate::applicationSessionMayEnd(Application& application)
+{
+    application.replyToSessionQuery(true, {});
+}
+
+void ApplicationDelegate::applicationSessionWillEnd(Application& application)
+{
+    application.replyToSessionEnd();
+    application.terminate();
+}
+
+void Application::replyToSessionQuery(bool mayEnd, const std::string& reason)
+{
+    VTLog("the session %s end%s%@", mayEnd ? "may" : "may not", reason.empty() ? "" : ": ", reason);
+    if (m_sessionManager)
+        m_sessionManager->answerQueryEnd(mayEnd, reason);
+}
+
+void Application::replyToSessionEnd()
+{
+    if (m_sessionManager)
+        m_sessionManager->answerEnd();
+}
+
+void Application::joinTheSession(const std::string& identifier)
+{
+    GDBusConnection* bus = m_gapplication ? g_application_get_dbus_connection(m_gapplication.get()) : nullptr;
+    if (!bus)
+        return;
+    SessionPhases phases {
+        .queryEnd = [this] { if (m_delegate && !m_ending) m_delegate->applicationSessionMayEnd(*this); },
+        .end = [this] { if (m_delegate && !m_ending) m_delegate->applicationSessionWillEnd(*this); },
+        .cancel = [this] { if (m_delegate && !m_ending) m_delegate->applicationSessionEndCancelled(*this); },
+        .stop = [this] { sendEventsFromMainLoop({ Event { Event::Type::QuitRequest, {}, {} } }); },
+    };
+    m_sessionManager = std::make_unique<SessionManagerClient>(bus, identifier, m_startupId, std::move(phases));
+}
+
 void Application::replyToOpenOrPrint(OpenReply reply)
 {
     VTLog("open reply %d", static_cast<int>(reply));
@@ -300,6 +338,8 @@ void Application::exitAfterTermination()
     m_interrupts = {};
     m_interruptDescriptor.reset();
     m_delayedCalls.cancelAll();
+    if (m_sessionManager)
+        m_sessionManager->unregister();
     if (m_gapplication) {
         if (GDBusConnection* bus = g_application_get_dbus_connection(m_gapplication.get()))
             g_dbus_connection_flush_sync(bus, nullptr, nullptr);
@@ -510,6 +550,14 @@ int Application::run(int argc, char** argv)
     // write, not end the launcher.
     signal(SIGPIPE, SIG_IGN);
 
+    // The session manager's startup id is this process's alone, as a
+    // toolkit takes it: taken before any thread exists, so that no process
+    // of the program is started with it.
+    if (const char* startupId = std::getenv("DESKTOP_AUTOSTART_ID")) {
+        m_startupId = startupId;
+        unsetenv("DESKTOP_AUTOSTART_ID");
+    }
+
     std::vector<std::string> arguments(argv + std::min(argc, 1), argv + argc);
     // Everything the launcher does comes from its bundle: without one it
     // says so in one line and ends at once.
@@ -546,6 +594,7 @@ int Application::run(int argc, char** argv)
         forwardToRunningLauncher(arguments, workingDirectory);
         return 0;
     }
+    joinTheSession(m_mainBundle->bundleIdentifier().value_or(""));
 
     // From now on quit signals are main-loop events; one that came
     // meanwhile is asked before anything has started.

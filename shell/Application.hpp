@@ -23,6 +23,7 @@
 #include "base/posix_glue.hpp"
 #include "shell/Event.hpp"
 #include "shell/Menu.hpp"
+#include "shell/SessionManagerClient.hpp"
 
 namespace vt {
 
@@ -65,6 +66,13 @@ public:
     virtual void openFiles(Application&, const std::vector<std::string>&) {}
     virtual bool applicationShouldHandleReopen(Application&, bool /*hasVisibleWindows*/) { return true; }
     virtual TerminateReply applicationShouldTerminate(Application&) { return TerminateReply::Now; }
+
+    // The desktop's session manager: may the session end (a logout, a
+    // shutdown)? The answer goes to replyToSessionQuery whenever it is known.
+    virtual void applicationSessionMayEnd(Application& application);
+    // The session ends: replyToSessionEnd once the program has been told.
+    virtual void applicationSessionWillEnd(Application& application);
+    virtual void applicationSessionEndCancelled(Application&) {}
 };
 
 class Application {
@@ -102,6 +110,9 @@ public:
     void terminate();
     void replyToApplicationShouldTerminate(bool shouldTerminate);
     void replyToOpenOrPrint(OpenReply reply);
+    // The answers to the session manager; nothing without one.
+    void replyToSessionQuery(bool mayEnd, const std::string& reason);
+    void replyToSessionEnd();
 
     // Activation and hiding. The launcher has no window of its own, so these
     // only log, keep the state and post the will/did notifications of each
@@ -180,6 +191,7 @@ private:
     // Events from callbacks: an exception stops here, logged.
     void sendEventFromCallback(const Event& event) noexcept;
     void registerWithSessionBus(std::optional<std::string> identifier);
+    void joinTheSession(const std::string& identifier);
     void forwardToRunningLauncher(const std::vector<std::string>& arguments,
                                   const std::filesystem::path& workingDirectory);
 
@@ -208,6 +220,10 @@ private:
     bool m_active = false;
     bool m_hidden = false;
     bool m_hasSessionBus = true;
+    // DESKTOP_AUTOSTART_ID, taken from the environment at start so that no
+    // process of the program inherits it.
+    std::string m_startupId;
+    std::unique_ptr<SessionManagerClient> m_sessionManager;
     MainQueueToken m_mainQueue;
 };
 

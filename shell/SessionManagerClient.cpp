@@ -1,0 +1,169 @@
+#include "shell/SessionManagerClient.hpp"
+
+#include <chrono>
+#include <memory>
+
+#include "base/PlatformLog.hpp"
+#include "base/VTLog.hpp"
+
+namespace vt {
+
+namespace {
+    // A session manager that takes longer has hung; the launcher goes on as
+    // if there were none.
+    constexpr std::chrono::milliseconds kCallTimeout { 10000 };
+
+    using CallDone = std::function<void(GPtr<GVariant> reply, const std::string& error)>;
+
+    struct PendingCall {
+        GPtr<GCancellable> cancellable;
+        CallDone done;
+    };
+
+    // `done` runs from the main loop, never once `cancellable` is cancelled.
+    void call(GDBusConnection* bus, const std::string& destination, const std::string& path, const char* interface,
+              const char* method, GVariant* parameters, const GVariantType* replyType, GCancellable* cancellable,
+              CallDone done)
+    {
+        auto* pending = new PendingCall { addRef(cancellable), std::move(done) };
+        g_dbus_connection_call(
+            bus, destination.c_str(), path.c_str(), interface, method, parameters, replyType,
+            G_DBUS_CALL_FLAGS_NO_AUTO_START, static_cast<int>(kCallTimeout.count()), cancellable,
+            +[](GObject* source, GAsyncResult* result, gpointer data) noexcept {
+                std::unique_ptr<PendingCall> call(static_cast<PendingCall*>(data));
+                GErrorHolder error;
+                GPtr<GVariant> reply = adopt(g_dbus_connection_call_finish(G_DBUS_CONNECTION(source), result, error));
+                if (g_cancellable_is_cancelled(call->cancellable.get()))
+                    return;
+                try {
+                    call->done(std::move(reply), reply ? std::string() : error.message());
+                } catch (...) {
+                    VTLog("an answer of the session manager could not be taken");
+                }
+            },
+            pending);
+    }
+} // namespace
+
+SessionManagerClient::SessionManagerClient(GDBusConnection* bus, std::string applicationId, std::string startupId,
+                                           SessionPhases phases)
+    : m_bus(addRef(bus)), m_applicationId(std::move(applicationId)), m_startupId(std::move(startupId)),
+      m_phases(std::move(phases)), m_cancellable(adopt(g_cancellable_new()))
+{
+    m_watch = BusNameWatch(g_bus_watch_name_on_connection(bus, kBusName, G_BUS_NAME_WATCHER_FLAGS_NONE,
+                                                          onManagerAppeared, onManagerVanished, this, nullptr));
+}
+
+SessionManagerClient::~SessionManagerClient()
+{
+    g_cancellable_cancel(m_cancellable.get());
+    m_signals.reset();
+    m_watch.reset();
+}
+
+void SessionManagerClient::onManagerAppeared(GDBusConnection*, const char*, const char* owner, gpointer data) noexcept
+{
+    auto* self = static_cast<SessionManagerClient*>(data);
+    // Registered once, with the manager that was there first.
+    if (!self->m_owner.empty())
+        return;
+    self->m_owner = owner;
+    call(self->m_bus.get(), self->m_owner, kPath, kInterface, "RegisterClient",
+         g_variant_new("(ss)", self->m_applicationId.c_str(), self->m_startupId.c_str()), G_VARIANT_TYPE("(o)"),
+         self->m_cancellable.get(), [self](GPtr<GVariant> reply, const std::string& error) {
+             if (!reply) {
+                 self->problem("it did not take the launcher as a client (" + error + ")");
+                 return;
+             }
+             const char* path = nullptr;
+             g_variant_get(reply.get(), "(&o)", &path);
+             self->registered(path);
+         });
+}
+
+void SessionManagerClient::onManagerVanished(GDBusConnection*, const char*, gpointer data) noexcept
+{
+    auto* self = static_cast<SessionManagerClient*>(data);
+    // None at start: the desktop has no such manager, and one that comes
+    // later is not the session the launcher was started in.
+    if (self->m_owner.empty()) {
+        self->m_watch.reset();
+        return;
+    }
+    if (self->isRegistered())
+        self->problem("it has gone");
+    self->m_signals.reset();
+    self->m_clientPath.clear();
+    self->m_watch.reset();
+}
+
+void SessionManagerClient::registered(const std::string& clientPath)
+{
+    m_clientPath = clientPath;
+    m_signals = DBusSignalSubscription(
+        addRef(m_bus.get()),
+        g_dbus_connection_signal_subscribe(m_bus.get(), m_owner.c_str(), kClientInterface, nullptr,
+                                           m_clientPath.c_str(), nullptr, G_DBUS_SIGNAL_FLAGS_NONE, onSignal, this,
+                                           nullptr));
+    VTLog("registered with the session manager as %@", m_clientPath);
+}
+
+void SessionManagerClient::onSignal(GDBusConnection*, const char*, const char*, const char*, const char* signal,
+                                    GVariant*, gpointer data) noexcept
+{
+    auto* self = static_cast<SessionManagerClient*>(data);
+    std::string name(signal);
+    VTLog("the session manager says %@", name);
+    const std::function<void()>* phase = name == "QueryEndSession" ? &self->m_phases.queryEnd
+        : name == "EndSession"                                       ? &self->m_phases.end
+        : name == "CancelEndSession"                                 ? &self->m_phases.cancel
+        : name == "Stop"                                             ? &self->m_phases.stop
+                                                                     : nullptr;
+    if (!phase || !*phase)
+        return;
+    try {
+        (*phase)();
+    } catch (const std::exception& e) {
+        VTLog("the session manager's %@ could not be taken: %@", name, e.what());
+    }
+}
+
+void SessionManagerClient::answerQueryEnd(bool mayEnd, const std::string& reason)
+{
+    respond(mayEnd, mayEnd ? std::string() : reason);
+}
+
+void SessionManagerClient::answerEnd() { respond(true, {}); }
+
+void SessionManagerClient::respond(bool isOk, const std::string& reason)
+{
+    if (!isRegistered())
+        return;
+    call(m_bus.get(), m_owner, m_clientPath, kClientInterface, "EndSessionResponse",
+         g_variant_new("(bs)", isOk, reason.c_str()), nullptr, m_cancellable.get(),
+         [this](GPtr<GVariant> reply, const std::string& error) {
+             if (!reply)
+                 problem("it did not take the launcher's answer (" + error + ")");
+         });
+}
+
+void SessionManagerClient::unregister()
+{
+    if (!isRegistered())
+        return;
+    // Nobody is left to read the reply.
+    g_dbus_connection_call(m_bus.get(), m_owner.c_str(), kPath, kInterface, "UnregisterClient",
+                           g_variant_new("(o)", m_clientPath.c_str()), nullptr, G_DBUS_CALL_FLAGS_NO_AUTO_START, -1,
+                           nullptr, nullptr, nullptr);
+    m_signals.reset();
+    m_clientPath.clear();
+}
+
+void SessionManagerClient::problem(const std::string& what)
+{
+    if (std::exchange(m_problemSaid, true))
+        return;
+    platformLog("the session manager: %@; a logout no longer asks the program first", what);
+}
+
+} // namespace vt
