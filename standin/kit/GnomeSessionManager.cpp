@@ -39,10 +39,16 @@ namespace {
   </interface>
 </node>)xml";
 
-    const GDBusInterfaceVTable* vtable()
+    GDBusInterfaceInfo* managerInterface()
     {
-        static const GDBusInterfaceVTable table = { nullptr, nullptr, nullptr, { nullptr } };
-        return &table;
+        static GDBusInterfaceInfo* info = interfaceOfIntrospection(managerXml);
+        return info;
+    }
+
+    GDBusInterfaceInfo* clientInterface()
+    {
+        static GDBusInterfaceInfo* info = interfaceOfIntrospection(clientXml);
+        return info;
     }
 } // namespace
 
@@ -56,11 +62,9 @@ GnomeSessionManager::GnomeSessionManager(const std::string& busAddress)
         nullptr, nullptr, error));
     if (!m_connection)
         throw std::runtime_error(std::string("stand-in session manager: no bus: ") + error.message());
-    static GDBusInterfaceVTable table = *vtable();
-    table.method_call = onMethodCall;
     m_manager = DBusObjectRegistration(
         addRef(m_connection.get()),
-        g_dbus_connection_register_object(m_connection.get(), kPath, interfaceOfIntrospection(managerXml), &table,
+        g_dbus_connection_register_object(m_connection.get(), kPath, managerInterface(), methods(),
                                           this, nullptr, error));
     if (!m_manager)
         throw std::runtime_error(std::string("stand-in session manager: ") + error.message());
@@ -71,6 +75,12 @@ GnomeSessionManager::GnomeSessionManager(const std::string& busAddress)
         this, nullptr));
     if (!waitUntil([&] { return m_owned || m_lost; }) || !m_owned)
         throw std::runtime_error("stand-in session manager: the name was not granted");
+}
+
+const GDBusInterfaceVTable* GnomeSessionManager::methods()
+{
+    static const GDBusInterfaceVTable table = { onMethodCall, nullptr, nullptr, { nullptr } };
+    return &table;
 }
 
 GnomeSessionManager::~GnomeSessionManager() { vanish(); }
@@ -104,12 +114,10 @@ void GnomeSessionManager::call(const std::string& path, const std::string& metho
         const char* startupId = nullptr;
         g_variant_get(parameters, "(&s&s)", &applicationId, &startupId);
         Client client { applicationId, startupId, std::string(kPath) + "/Client" + std::to_string(m_clients.size() + 1) };
-        static GDBusInterfaceVTable table = *vtable();
-        table.method_call = onMethodCall;
         GErrorHolder error;
         m_clientObjects.emplace_back(addRef(m_connection.get()),
                                      g_dbus_connection_register_object(m_connection.get(), client.path.c_str(),
-                                                                       interfaceOfIntrospection(clientXml), &table,
+                                                                       clientInterface(), methods(),
                                                                        this, nullptr, error));
         g_dbus_method_invocation_return_value(invocation, g_variant_new("(o)", client.path.c_str()));
         m_clients.push_back(std::move(client));

@@ -61,6 +61,7 @@ public:
     void vanish();
 
 private:
+    static const GDBusInterfaceVTable* methods();
     static void onMethodCall(GDBusConnection*, const char* sender, const char* path, const char* interface,
                              const char* method, GVariant* parameters, GDBusMethodInvocation* invocation,
                              gpointer data) noexcept;
