@@ -2,6 +2,7 @@
 
 #include <optional>
 
+#include "base/BusCall.hpp"
 #include "base/VTLog.hpp"
 #include "base/posix_glue.hpp"
 
@@ -42,36 +43,12 @@ namespace {
         return owned;
     }
 
-    // An asynchronous call's answer, the reply or an error, on the default
-    // main context; nothing once the caller has cancelled.
-    using CallDone = std::function<void(GPtr<GVariant> reply, const std::string& error)>;
-
-    struct PendingCall {
-        GPtr<GCancellable> cancellable;
-        CallDone done;
-    };
-
     void callAsync(GDBusConnection* connection, const char* destination, const char* path, const char* interface,
                    const char* method, GVariant* parameters, const GVariantType* replyType,
-                   GCancellable* cancellable, CallDone done)
+                   GCancellable* cancellable, BusCallDone done)
     {
-        auto* pending = new PendingCall { cancellable ? addRef(cancellable) : GPtr<GCancellable>(), std::move(done) };
-        g_dbus_connection_call(
-            connection, destination, path, interface, method, parameters, replyType, G_DBUS_CALL_FLAGS_NO_AUTO_START,
-            static_cast<int>(kHelperServerCallTimeout.count()), cancellable,
-            +[](GObject* source, GAsyncResult* result, gpointer data) noexcept {
-                std::unique_ptr<PendingCall> call(static_cast<PendingCall*>(data));
-                GErrorHolder error;
-                GPtr<GVariant> reply = adopt(g_dbus_connection_call_finish(G_DBUS_CONNECTION(source), result, error));
-                if (call->cancellable && g_cancellable_is_cancelled(call->cancellable.get()))
-                    return;
-                try {
-                    call->done(std::move(reply), reply ? std::string() : error.message());
-                } catch (...) {
-                    VTLog("an answer of the helper server could not be taken");
-                }
-            },
-            pending);
+        callOnBus(connection, destination, path, interface, method, parameters, replyType, kHelperServerCallTimeout,
+                  cancellable, "the helper server", std::move(done));
     }
 } // namespace
 

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <memory>
 
+#include "base/BusCall.hpp"
 #include "base/PlatformLog.hpp"
 #include "base/VTLog.hpp"
 
@@ -13,35 +14,12 @@ namespace {
     // if there were none.
     constexpr std::chrono::milliseconds kCallTimeout { 10000 };
 
-    using CallDone = std::function<void(GPtr<GVariant> reply, const std::string& error)>;
-
-    struct PendingCall {
-        GPtr<GCancellable> cancellable;
-        CallDone done;
-    };
-
-    // `done` runs from the main loop, never once `cancellable` is cancelled.
     void call(GDBusConnection* bus, const std::string& destination, const std::string& path, const char* interface,
               const char* method, GVariant* parameters, const GVariantType* replyType, GCancellable* cancellable,
-              CallDone done)
+              BusCallDone done)
     {
-        auto* pending = new PendingCall { addRef(cancellable), std::move(done) };
-        g_dbus_connection_call(
-            bus, destination.c_str(), path.c_str(), interface, method, parameters, replyType,
-            G_DBUS_CALL_FLAGS_NO_AUTO_START, static_cast<int>(kCallTimeout.count()), cancellable,
-            +[](GObject* source, GAsyncResult* result, gpointer data) noexcept {
-                std::unique_ptr<PendingCall> call(static_cast<PendingCall*>(data));
-                GErrorHolder error;
-                GPtr<GVariant> reply = adopt(g_dbus_connection_call_finish(G_DBUS_CONNECTION(source), result, error));
-                if (g_cancellable_is_cancelled(call->cancellable.get()))
-                    return;
-                try {
-                    call->done(std::move(reply), reply ? std::string() : error.message());
-                } catch (...) {
-                    VTLog("an answer of the session manager could not be taken");
-                }
-            },
-            pending);
+        callOnBus(bus, destination.c_str(), path.c_str(), interface, method, parameters, replyType, kCallTimeout,
+                  cancellable, "the session manager", std::move(done));
     }
 } // namespace
 
