@@ -32,6 +32,12 @@ bool EndOfSession::waiting(Event event) const
     return std::find(m_waiting.begin(), m_waiting.end(), event) != m_waiting.end();
 }
 
+void EndOfSession::waitWith(Event event)
+{
+    if (!waiting(event))
+        m_waiting.push_back(event);
+}
+
 Actions EndOfSession::send(const char* command)
 {
     std::string_view name(command);
@@ -67,8 +73,7 @@ Actions EndOfSession::quit()
             return {};
         return { make(Kind::ActivateMainApplication) };
     case State::Cancelling:
-        if (!waiting(Event::Quit))
-            m_waiting.push_back(Event::Quit);
+        waitWith(Event::Quit);
         return {};
     case State::SessionAgreed:
         // The program has agreed to end already.
@@ -103,8 +108,7 @@ Actions EndOfSession::queryEnd()
         m_forSession = true;
         return {};
     case State::Cancelling:
-        if (!waiting(Event::Query))
-            m_waiting.push_back(Event::Query);
+        waitWith(Event::Query);
         return {};
     case State::Ending:
     case State::SessionAgreed:
@@ -131,8 +135,7 @@ Actions EndOfSession::end()
     case State::Closing:
     case State::Querying:
     case State::Cancelling:
-        if (!waiting(Event::End))
-            m_waiting.push_back(Event::End);
+        waitWith(Event::End);
         return {};
     case State::Ending:
         m_endForSession = true;
@@ -151,8 +154,7 @@ Actions EndOfSession::cancel()
         return startCancelling(State::Idle);
     case State::Closing:
     case State::Querying:
-        if (!waiting(Event::Cancel))
-            m_waiting.push_back(Event::Cancel);
+        waitWith(Event::Cancel);
         return {};
     default:
         // Nothing asked, already cancelling, or too late: the program has

@@ -101,6 +101,8 @@ private:
     // A resting state has been reached: what waited is taken now, in order.
     Actions takeWaiting();
     bool waiting(Event event) const;
+    // Keeps `event` for when the state rests again (once).
+    void waitWith(Event event);
 
     State m_state = State::Idle;
     int m_unanswered = 0;

@@ -55,11 +55,7 @@ namespace {
 GnomeSessionManager::GnomeSessionManager(const std::string& busAddress)
 {
     GErrorHolder error;
-    m_connection = adopt(g_dbus_connection_new_for_address_sync(
-        busAddress.c_str(),
-        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT
-                                          | G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-        nullptr, nullptr, error));
+    m_connection = connectToBus(busAddress, error);
     if (!m_connection)
         throw std::runtime_error(std::string("stand-in session manager: no bus: ") + error.message());
     m_manager = DBusObjectRegistration(

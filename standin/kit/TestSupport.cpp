@@ -16,6 +16,15 @@ extern char** environ;
 
 namespace vt::test {
 
+GPtr<GDBusConnection> connectToBus(const std::string& address, GErrorHolder& error)
+{
+    return adopt(g_dbus_connection_new_for_address_sync(
+        address.c_str(),
+        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT
+                                          | G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+        nullptr, nullptr, error));
+}
+
 namespace {
     // One call to the bus daemon at `busAddress` on a connection of its own,
     // so that nothing in this process keeps a reference to the bus.
@@ -23,11 +32,7 @@ namespace {
                                  const char* replyType)
     {
         GErrorHolder error;
-        GPtr<GDBusConnection> connection = adopt(g_dbus_connection_new_for_address_sync(
-            busAddress.c_str(),
-            static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT
-                                              | G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-            nullptr, nullptr, error));
+        GPtr<GDBusConnection> connection = connectToBus(busAddress, error);
         if (!connection)
             return nullptr;
         GPtr<GVariant> reply = adopt(g_dbus_connection_call_sync(

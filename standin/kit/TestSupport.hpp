@@ -82,6 +82,10 @@ private:
     std::map<std::string, std::optional<std::string>> m_saved;
 };
 
+// A connection of its own to the message bus at `address`; null, with
+// `error` set, when it cannot be made.
+GPtr<GDBusConnection> connectToBus(const std::string& address, GErrorHolder& error);
+
 // A private D-Bus session bus for the scope: DBUS_SESSION_BUS_ADDRESS points
 // at it while it lives. Everything in this process that took a reference to
 // the session bus must drop it before the end of the scope.
