@@ -280,16 +280,20 @@ void Application::replyToSessionEnd()
 
 void Application::joinTheSession(const std::string& identifier)
 {
-    GDBusConnection* bus = m_gapplication ? g_application_get_dbus_connection(m_gapplication.get()) : nullptr;
-    if (!bus)
-        return;
+    SessionManagerClient::Session session {
+        .bus = m_gapplication ? g_application_get_dbus_connection(m_gapplication.get()) : nullptr,
+        .applicationId = identifier,
+        .startupId = m_startupId,
+        .xsmpAddress = std::getenv("SESSION_MANAGER") ? std::getenv("SESSION_MANAGER") : "",
+        .program = m_mainBundle->executablePath().value_or(std::filesystem::path()).string(),
+    };
     SessionPhases phases {
         .queryEnd = [this] { if (m_delegate && !m_ending) m_delegate->applicationSessionMayEnd(*this); },
         .end = [this] { if (m_delegate && !m_ending) m_delegate->applicationSessionWillEnd(*this); },
         .cancel = [this] { if (m_delegate && !m_ending) m_delegate->applicationSessionEndCancelled(*this); },
         .stop = [this] { sendEventsFromMainLoop({ Event { Event::Type::QuitRequest, {}, {} } }); },
     };
-    m_sessionManager = std::make_unique<SessionManagerClient>(bus, identifier, m_startupId, std::move(phases));
+    m_sessionManager = std::make_unique<SessionManagerClient>(std::move(session), std::move(phases));
 }
 
 void Application::replyToOpenOrPrint(OpenReply reply)

@@ -23,12 +23,16 @@ namespace {
     }
 } // namespace
 
-SessionManagerClient::SessionManagerClient(GDBusConnection* bus, std::string applicationId, std::string startupId,
-                                           SessionPhases phases)
-    : m_bus(addRef(bus)), m_applicationId(std::move(applicationId)), m_startupId(std::move(startupId)),
-      m_phases(std::move(phases)), m_cancellable(adopt(g_cancellable_new()))
+SessionManagerClient::SessionManagerClient(Session session, SessionPhases phases)
+    : m_bus(addRef(session.bus)), m_session(std::move(session)), m_phases(std::move(phases)),
+      m_cancellable(adopt(g_cancellable_new()))
 {
-    m_watch = BusNameWatch(g_bus_watch_name_on_connection(bus, kBusName, G_BUS_NAME_WATCHER_FLAGS_NONE,
+    m_session.bus = nullptr; // held in m_bus
+    if (!m_bus) {
+        joinXSession();
+        return;
+    }
+    m_watch = BusNameWatch(g_bus_watch_name_on_connection(m_bus.get(), kBusName, G_BUS_NAME_WATCHER_FLAGS_NONE,
                                                           onManagerAppeared, onManagerVanished, this, nullptr));
 }
 
@@ -47,7 +51,8 @@ void SessionManagerClient::onManagerAppeared(GDBusConnection*, const char*, cons
         return;
     self->m_owner = owner;
     call(self->m_bus.get(), self->m_owner, kPath, kInterface, "RegisterClient",
-         g_variant_new("(ss)", self->m_applicationId.c_str(), self->m_startupId.c_str()), G_VARIANT_TYPE("(o)"),
+         g_variant_new("(ss)", self->m_session.applicationId.c_str(), self->m_session.startupId.c_str()),
+         G_VARIANT_TYPE("(o)"),
          self->m_cancellable.get(), [self](GPtr<GVariant> reply, const std::string& error) {
              if (!reply) {
                  self->problem("it did not take the launcher as a client (" + error + ")");
@@ -66,6 +71,7 @@ void SessionManagerClient::onManagerVanished(GDBusConnection*, const char*, gpoi
     // later is not the session the launcher was started in.
     if (self->m_owner.empty()) {
         self->m_watch.reset();
+        self->joinXSession();
         return;
     }
     if (self->isRegistered())
@@ -84,6 +90,14 @@ void SessionManagerClient::registered(const std::string& clientPath)
                                            m_clientPath.c_str(), nullptr, G_DBUS_SIGNAL_FLAGS_NONE, onSignal, this,
                                            nullptr));
     VTLog("registered with the session manager as %@", m_clientPath);
+}
+
+void SessionManagerClient::joinXSession()
+{
+    if (m_session.xsmpAddress.empty())
+        return;
+    m_xsmp = std::make_unique<XsmpClient>(m_session.xsmpAddress, m_session.startupId, m_session.program, m_phases,
+                                          [this](const std::string& what) { problem(what); });
 }
 
 void SessionManagerClient::onSignal(GDBusConnection*, const char*, const char*, const char*, const char* signal,
@@ -108,14 +122,19 @@ void SessionManagerClient::onSignal(GDBusConnection*, const char*, const char*, 
 
 void SessionManagerClient::answerQueryEnd(bool mayEnd, const std::string& reason)
 {
+    // An X session manager hears only whether the program lets the session
+    // end: the program's user has been asked meanwhile.
+    if (m_xsmp)
+        m_xsmp->answerQueryEnd(mayEnd);
     respond(mayEnd, mayEnd ? std::string() : reason);
 }
 
+// An X session manager waits for the launcher's connection to close.
 void SessionManagerClient::answerEnd() { respond(true, {}); }
 
 void SessionManagerClient::respond(bool isOk, const std::string& reason)
 {
-    if (!isRegistered())
+    if (m_clientPath.empty())
         return;
     call(m_bus.get(), m_owner, m_clientPath, kClientInterface, "EndSessionResponse",
          g_variant_new("(bs)", isOk, reason.c_str()), nullptr, m_cancellable.get(),
@@ -127,7 +146,9 @@ void SessionManagerClient::respond(bool isOk, const std::string& reason)
 
 void SessionManagerClient::unregister()
 {
-    if (!isRegistered())
+    if (m_xsmp)
+        m_xsmp->unregister();
+    if (m_clientPath.empty())
         return;
     // Nobody is left to read the reply.
     g_dbus_connection_call(m_bus.get(), m_owner.c_str(), kPath, kInterface, "UnregisterClient",

@@ -1,6 +1,10 @@
-// The real launcher taking part in the desktop's logout through a stand-in
-// of GNOME's session manager on the private bus, with the stand-in product's
-// window-command tool answering for the program.
+// The real launcher taking part in the desktop's logout through stand-ins of
+// GNOME's session manager on the private bus and of an X session manager
+// (XSMP), with the stand-in product's window-command tool answering for the
+// program.
+#include <sys/socket.h>
+#include <sys/un.h>
+
 #include <csignal>
 
 #include <gtest/gtest.h>
@@ -8,6 +12,7 @@
 #include "loader/WineLoaderProtocol.hpp"
 #include "standin/kit/GnomeSessionManager.hpp"
 #include "standin/kit/StandinWorld.hpp"
+#include "standin/kit/XsmpSessionManager.hpp"
 
 using namespace std::chrono_literals;
 using namespace vt::test;
@@ -16,8 +21,10 @@ namespace {
 
 using Strings = std::vector<std::string>;
 using Response = GnomeSessionManager::Response;
+using Interaction = XsmpSessionManager::Interaction;
 
-class SessionManager : public ::testing::Test {
+// A world whose program answers the launcher's questions itself.
+class SessionWorld : public ::testing::Test {
 protected:
     void SetUp() override
     {
@@ -28,6 +35,17 @@ protected:
         w.startHelperServer();
     }
 
+    Strings commandsAfter(size_t skip) const
+    {
+        Strings texts = w.records.commandTexts();
+        return Strings(texts.begin() + std::min(skip, texts.size()), texts.end());
+    }
+
+    StandinWorld w;
+};
+
+class SessionManager : public SessionWorld {
+protected:
     // Starts the launcher, started by the session manager with a startup
     // id, and waits until it runs the program and has registered.
     TestProcess& launch()
@@ -45,14 +63,36 @@ protected:
         return launcher;
     }
 
-    Strings commandsAfter(size_t skip) const
+    GnomeSessionManager manager { w.bus.address() };
+};
+
+class XSessionManager : public SessionWorld {
+protected:
+    // Starts the launcher in an X session with no manager on the bus, and
+    // waits until it runs the program and has registered.
+    TestProcess& launch()
     {
-        Strings texts = w.records.commandTexts();
-        return Strings(texts.begin() + std::min(skip, texts.size()), texts.end());
+        TestProcess& launcher = w.startLauncher(
+            {}, { { "SESSION_MANAGER", manager.address() }, { "DESKTOP_AUTOSTART_ID", "startup-4242" } });
+        EXPECT_TRUE(w.records.waitForTools(2)) << w.launcherLog();
+        auto client = manager.waitForClient();
+        EXPECT_TRUE(client) << w.launcherLog();
+        if (client) {
+            // Presented, refused as unknown, registered afresh.
+            EXPECT_EQ(client->previousId, "startup-4242");
+            EXPECT_FALSE(client->clientId.empty());
+            EXPECT_EQ(client->properties["RestartStyleHint"], (Strings { "3" })) << "never restarted";
+            EXPECT_EQ(client->properties["Program"], (Strings { w.launcher.string() }));
+            for (const char* required : { "RestartCommand", "CloneCommand", "UserID" })
+                EXPECT_EQ(client->properties[required].size(), 1u) << required;
+        }
+        // A new client's first save: answered at once, the program untouched.
+        EXPECT_EQ(manager.waitForMessage(), "SaveYourselfDone success") << w.launcherLog();
+        EXPECT_TRUE(w.records.waitFor("request", 1));
+        return launcher;
     }
 
-    StandinWorld w;
-    GnomeSessionManager manager { w.bus.address() };
+    XsmpSessionManager manager;
 };
 
 } // namespace
@@ -136,4 +176,101 @@ TEST_F(SessionManager, ALauncherStartedBeforeTheSessionManagerNeverRegisters)
     EXPECT_FALSE(late.waitForClient(1s));
     launcher.signal(SIGTERM);
     EXPECT_EQ(launcher.waitForExit(), 0);
+}
+
+TEST_F(SessionManager, WithBothKindsOfManagerTheLauncherIsTheBusManagersClientOnly)
+{
+    XsmpSessionManager xsmp;
+    TestProcess& launcher = w.startLauncher({}, { { "SESSION_MANAGER", xsmp.address() } });
+    ASSERT_TRUE(manager.waitForClient()) << w.launcherLog();
+    EXPECT_FALSE(xsmp.waitForClient(1s)) << "registered twice with one session";
+    launcher.signal(SIGTERM);
+    EXPECT_EQ(launcher.waitForExit(), 0);
+}
+
+TEST_F(XSessionManager, ALogoutTheProgramRefusesIsCancelledAndTheCancelReachesTheProgram)
+{
+    w.setAnswer("queryendsession", "0");
+    auto& launcher = launch();
+
+    // Saves that are no logout, or during which nobody may be asked, ask
+    // the program nothing.
+    manager.saveYourself(false, Interaction::Any);
+    EXPECT_EQ(manager.waitForMessage(), "SaveYourselfDone success");
+    manager.saveYourself(true, Interaction::None);
+    EXPECT_EQ(manager.waitForMessage(), "SaveYourselfDone success");
+    EXPECT_EQ(commandsAfter(1), Strings {});
+
+    // A logout: the program is asked only once the launcher may interact.
+    manager.saveYourself(true, Interaction::Any);
+    EXPECT_EQ(manager.waitForMessage(), "InteractRequest normal");
+    EXPECT_FALSE(w.records.waitFor("request", 2, 300ms));
+    manager.interact();
+    EXPECT_EQ(manager.waitForMessage(), "InteractDone cancel") << w.launcherLog();
+    EXPECT_EQ(manager.waitForMessage(), "SaveYourselfDone success");
+    EXPECT_EQ(commandsAfter(1), (Strings { "close", "queryendsession" }));
+    manager.shutdownCancelled();
+    ASSERT_TRUE(w.records.waitFor("request", 4));
+    EXPECT_EQ(commandsAfter(1), (Strings { "close", "queryendsession", "endsessioncancel" }));
+    EXPECT_TRUE(launcher.running());
+    EXPECT_EQ(manager.unreadMessages(), Strings {});
+}
+
+TEST_F(XSessionManager, AnAgreedLogoutEndsTheProgramOnDieAndTheLauncherLeavesAfterIt)
+{
+    auto& launcher = launch();
+    auto menu = w.records.tools("vtmenu").at(0);
+
+    // Where only errors may be shown, the launcher asks for that kind.
+    manager.saveYourself(true, Interaction::Errors);
+    EXPECT_EQ(manager.waitForMessage(), "InteractRequest errors");
+    manager.interact();
+    EXPECT_EQ(manager.waitForMessage(), "InteractDone") << w.launcherLog();
+    EXPECT_EQ(manager.waitForMessage(), "SaveYourselfDone success");
+    manager.die();
+    ASSERT_TRUE(w.records.waitFor("request", 5)) << w.launcherLog();
+    EXPECT_EQ(commandsAfter(1), (Strings { "close", "queryendsession", "endsession", "shutdown" }));
+    // The launcher stays for as long as the program does, and nothing is
+    // ended by force.
+    EXPECT_FALSE(launcher.waitForExit(300ms));
+    ASSERT_TRUE(terminateAndWait(menu.pid));
+    EXPECT_EQ(launcher.waitForExit(), 0) << w.launcherLog();
+    EXPECT_EQ(manager.waitForMessage(), "CloseConnection");
+}
+
+TEST_F(XSessionManager, AManagerThatGoesWhileTheProgramAsksIsSaidOnceAndCostsNothingElse)
+{
+    // The program asks its user and never answers ("Save changes?" stays up).
+    w.setAnswer("queryendsession", "silent");
+    auto& launcher = launch();
+    manager.saveYourself(true, Interaction::Any);
+    EXPECT_EQ(manager.waitForMessage(), "InteractRequest normal");
+    manager.interact();
+    ASSERT_TRUE(w.records.waitFor("request", 3));
+    manager.vanish();
+    EXPECT_TRUE(w.waitForLog("the session manager: it has gone; a logout no longer asks the program first"));
+    EXPECT_TRUE(launcher.running());
+}
+
+TEST_F(XSessionManager, AManagerThatNeverAnswersIsSaidOnceAndTheLauncherGoesOn)
+{
+    // A socket that takes the connection and says nothing.
+    TempDir dir;
+    std::string path = (dir.path() / "hung").string();
+    int listener = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address {};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    ASSERT_EQ(::listen(listener, 4), 0);
+
+    char host[256] = "";
+    gethostname(host, sizeof host - 1);
+    TestProcess& launcher = w.startLauncher({}, { { "SESSION_MANAGER", "local/" + std::string(host) + ":" + path } });
+    ASSERT_TRUE(w.records.waitForTools(2)) << w.launcherLog();
+    EXPECT_TRUE(w.waitForLog("the session manager: it did not take the launcher as a client within 10 s", 0, 30s))
+        << w.launcherLog();
+    launcher.signal(SIGTERM);
+    EXPECT_EQ(launcher.waitForExit(), 0) << w.launcherLog();
+    ::close(listener);
 }

@@ -144,6 +144,10 @@ std::map<std::string, std::string> StandinWorld::environment(const EnvironmentCh
     changes[standin::kRecordsVariable] = records.path().string();
     changes["VT_STANDIN_SERVER_ENV"] = (dir / "server.env").string();
     changes["VT_LOG"] = "1";
+    // The session the tests run in is not the world's: its session manager
+    // would take the world's launchers for clients of its own.
+    changes["SESSION_MANAGER"] = std::nullopt;
+    changes["DESKTOP_AUTOSTART_ID"] = std::nullopt;
     for (const auto& [name, value] : extra)
         changes[name] = value;
     return environmentWith(changes);
