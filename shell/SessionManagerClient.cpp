@@ -50,11 +50,20 @@ void SessionManagerClient::onManagerAppeared(GDBusConnection*, const char*, cons
     if (!self->m_owner.empty())
         return;
     self->m_owner = owner;
+    // Listening before registering: the bus passes on the manager's first
+    // signal to the new client only if the launcher's match rule reached it
+    // first. The client's path is not known yet; signals to other paths are
+    // not the launcher's.
+    self->m_signals = DBusSignalSubscription(
+        addRef(self->m_bus.get()),
+        g_dbus_connection_signal_subscribe(self->m_bus.get(), owner, kClientInterface, nullptr, nullptr, nullptr,
+                                           G_DBUS_SIGNAL_FLAGS_NONE, onSignal, self, nullptr));
     call(self->m_bus.get(), self->m_owner, kPath, kInterface, "RegisterClient",
          g_variant_new("(ss)", self->m_session.applicationId.c_str(), self->m_session.startupId.c_str()),
          G_VARIANT_TYPE("(o)"),
          self->m_cancellable.get(), [self](GPtr<GVariant> reply, const std::string& error) {
              if (!reply) {
+                 self->m_signals.reset();
                  self->problem("it did not take the launcher as a client (" + error + ")");
                  return;
              }
@@ -84,11 +93,6 @@ void SessionManagerClient::onManagerVanished(GDBusConnection*, const char*, gpoi
 void SessionManagerClient::registered(const std::string& clientPath)
 {
     m_clientPath = clientPath;
-    m_signals = DBusSignalSubscription(
-        addRef(m_bus.get()),
-        g_dbus_connection_signal_subscribe(m_bus.get(), m_owner.c_str(), kClientInterface, nullptr,
-                                           m_clientPath.c_str(), nullptr, G_DBUS_SIGNAL_FLAGS_NONE, onSignal, this,
-                                           nullptr));
     VTLog("registered with the session manager as %@", m_clientPath);
 }
 
@@ -100,10 +104,12 @@ void SessionManagerClient::joinXSession()
                                           [this](const std::string& what) { problem(what); });
 }
 
-void SessionManagerClient::onSignal(GDBusConnection*, const char*, const char*, const char*, const char* signal,
+void SessionManagerClient::onSignal(GDBusConnection*, const char*, const char* path, const char*, const char* signal,
                                     GVariant*, gpointer data) noexcept
 {
     auto* self = static_cast<SessionManagerClient*>(data);
+    if (self->m_clientPath.empty() || self->m_clientPath != path)
+        return;
     std::string name(signal);
     VTLog("the session manager says %@", name);
     const std::function<void()>* phase = name == "QueryEndSession" ? &self->m_phases.queryEnd
