@@ -267,7 +267,7 @@ void ApplicationDelegate::applicationSessionWillEnd(Application& application)
 
 void Application::replyToSessionQuery(bool mayEnd, const std::string& reason)
 {
-    VTLog("the session %s end%s%@", mayEnd ? "may" : "may not", reason.empty() ? "" : ": ", reason);
+    VTLog("the session %s end%s%@", mayEnd ? "may" : "may not", mayEnd ? "" : ": ", mayEnd ? std::string() : reason);
     if (m_sessionManager)
         m_sessionManager->answerQueryEnd(mayEnd, reason);
 }
