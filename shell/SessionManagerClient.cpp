@@ -117,13 +117,8 @@ void SessionManagerClient::onSignal(GDBusConnection*, const char*, const char* p
         : name == "CancelEndSession"                                 ? &self->m_phases.cancel
         : name == "Stop"                                             ? &self->m_phases.stop
                                                                      : nullptr;
-    if (!phase || !*phase)
-        return;
-    try {
-        (*phase)();
-    } catch (const std::exception& e) {
-        VTLog("the session manager's %@ could not be taken: %@", name, e.what());
-    }
+    if (phase)
+        SessionPhases::take(*phase, signal);
 }
 
 void SessionManagerClient::answerQueryEnd(bool mayEnd, const std::string& reason)

@@ -95,7 +95,7 @@ struct XsmpCallbacks {
             return;
         self->m_save = XsmpClient::Save::Asking;
         if (self->m_phases.queryEnd)
-            self->m_phases.queryEnd();
+            SessionPhases::take(self->m_phases.queryEnd, "interaction");
         else
             self->answerQueryEnd(true);
     }
@@ -107,8 +107,7 @@ struct XsmpCallbacks {
             return;
         VTLog("the session manager says die");
         self->m_save = XsmpClient::Save::None;
-        if (self->m_phases.end)
-            self->m_phases.end();
+        SessionPhases::take(self->m_phases.end, "Die");
     }
 
     static void shutdownCancelled(SmcConn, SmPointer data)
@@ -120,8 +119,7 @@ struct XsmpCallbacks {
         // A save still open ends unfinished; the program's answer, when it
         // comes, has nobody left to go to.
         self->closeSave(false);
-        if (self->m_phases.cancel)
-            self->m_phases.cancel();
+        SessionPhases::take(self->m_phases.cancel, "ShutdownCancelled");
     }
 
     static void saveComplete(SmcConn, SmPointer) {}
