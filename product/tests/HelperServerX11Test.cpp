@@ -78,41 +78,32 @@ std::string programPath(const char* name)
     return path ? path.get() : "";
 }
 
-// Whether a live X server holds the display's lock; one that died without
-// cleaning up left a lock that the next server takes over.
-bool displayIsTaken(int number)
-{
-    std::string lock = vt::test::readFile("/tmp/.X" + std::to_string(number) + "-lock");
-    if (lock.empty())
-        return false;
-    pid_t owner = static_cast<pid_t>(std::atol(lock.c_str()));
-    return owner > 0 && (::kill(owner, 0) == 0 || errno == EPERM);
-}
-
-// Xvfb on a free display number, openbox on it when installed, and a
-// connection of the test's own to look at the windows with.
+// Xvfb on a display number it picks itself (taking the number is atomic, so
+// a test beside this one never ends up on this one's server), openbox on it
+// when installed, and a connection of the test's own to look at the windows
+// with.
 class XServer {
 public:
     XServer()
     {
-        for (int number = 90; number < 190 && !m_connection; ++number) {
-            std::string name = ":" + std::to_string(number);
-            if (displayIsTaken(number))
-                continue;
-            std::vector<std::string> argv {
-                programPath("Xvfb"), name, "-nolisten", "tcp", "-screen", "0", "800x600x24",
-            };
-            m_server = std::make_unique<vt::test::TestProcess>(std::move(argv), vt::test::environmentWith({}));
-            // Another server that took the number first makes this one end,
-            // and the connection made meanwhile may be to that other one.
-            waitUntil([&] { return !m_server->running() || (m_connection = XOpenDisplay(name.c_str())); });
-            if (m_connection && !m_server->running())
-                XCloseDisplay(std::exchange(m_connection, nullptr));
-            if (m_connection)
-                m_name = name;
-        }
-        if (m_name.empty())
-            throw std::runtime_error("Xvfb did not start on any display from :90 to :189");
+        // Xvfb writes the number it took, and a line end, to its display
+        // descriptor once it listens.
+        std::vector<std::string> argv {
+            "/bin/sh", "-c", "exec Xvfb -displayfd 3 -nolisten tcp -screen 0 800x600x24 3>\"$0\"",
+            (m_numberFile / "display").string(),
+        };
+        m_server = std::make_unique<vt::test::TestProcess>(std::move(argv), vt::test::environmentWith({}));
+        std::string number;
+        waitUntil([&] {
+            number = vt::test::readFile(m_numberFile / "display");
+            return !m_server->running() || number.ends_with('\n');
+        }, 30s);
+        if (!number.ends_with('\n'))
+            throw std::runtime_error("Xvfb did not start: " + m_server->standardError());
+        m_name = ":" + number.substr(0, number.size() - 1);
+        m_connection = XOpenDisplay(m_name.c_str());
+        if (!m_connection)
+            throw std::runtime_error("cannot connect to Xvfb on " + m_name);
         XSetErrorHandler(ignoreVanishedWindows);
         if (std::string openbox = programPath("openbox"); !openbox.empty()) {
             m_windowManager = std::make_unique<vt::test::TestProcess>(
@@ -229,6 +220,7 @@ private:
         return value;
     }
 
+    vt::test::TempDir m_numberFile;
     std::unique_ptr<vt::test::TestProcess> m_server;
     std::unique_ptr<vt::test::TestProcess> m_windowManager;
     Display* m_connection = nullptr;
