@@ -48,41 +48,6 @@ namespace {
     // mean nothing to the launcher.
     sigset_t wineSignalSet() { return signalSet({ SIGINT, SIGQUIT, SIGUSR1 }); }
 
-    // Ends a turn of the main loop for good once Wine has begun to end the
-    // process from a thread of its own: the exit handlers and destructors
-    // that follow never run beside launcher code that is half-way through
-    // something. A main thread that does not come round within a while
-    // (stuck in a call) is not waited for.
-    void stopMainLoopAtWinesExit() noexcept
-    {
-        if (isMainThread())
-            return;
-        // First of all, the sockets' directory: while this waits, Wine may
-        // still be told by its server to end at once (_exit), and nothing
-        // after this would run.
-        PrivateDirectory::removeAllOfThisProcess();
-        struct Stop {
-            std::mutex mutex;
-            std::condition_variable changed;
-            bool stopped = false;
-        };
-        static Stop* stop = new Stop; // never destroyed: the process is ending
-        try {
-            runOnMain([] {
-                {
-                    std::lock_guard lock(stop->mutex);
-                    stop->stopped = true;
-                }
-                stop->changed.notify_all();
-                for (;;)
-                    ::pause();
-            });
-            std::unique_lock lock(stop->mutex);
-            stop->changed.wait_for(lock, std::chrono::seconds(2), [] { return stop->stopped; });
-        } catch (...) {
-        }
-    }
-
     // Takes every quit signal that came while they were blocked; whether one did.
     bool takeBlockedQuitSignals(const sigset_t& set)
     {
@@ -327,6 +292,16 @@ void Application::activateIgnoringOtherApps()
     activate();
 }
 
+void Application::leaveTheSession()
+{
+    if (m_sessionManager)
+        m_sessionManager->unregister();
+    if (m_gapplication) {
+        if (GDBusConnection* bus = g_application_get_dbus_connection(m_gapplication.get()))
+            g_dbus_connection_flush_sync(bus, nullptr, nullptr);
+    }
+}
+
 void Application::exitAfterTermination()
 {
     m_ending = true;
@@ -342,12 +317,7 @@ void Application::exitAfterTermination()
     m_interrupts = {};
     m_interruptDescriptor.reset();
     m_delayedCalls.cancelAll();
-    if (m_sessionManager)
-        m_sessionManager->unregister();
-    if (m_gapplication) {
-        if (GDBusConnection* bus = g_application_get_dbus_connection(m_gapplication.get()))
-            g_dbus_connection_flush_sync(bus, nullptr, nullptr);
-    }
+    leaveTheSession();
     std::fflush(nullptr);
     // A thread that cannot be joined (Wine's, inside the launcher) may still
     // touch what returning from main would destroy: end here, with nothing
@@ -527,6 +497,46 @@ void Application::forwardToRunningLauncher(const std::vector<std::string>& argum
     }
     if (GDBusConnection* bus = g_application_get_dbus_connection(m_gapplication.get()))
         g_dbus_connection_flush_sync(bus, nullptr, nullptr);
+}
+
+// Ends a turn of the main loop for good once Wine has begun to end the
+// process from a thread of its own: the exit handlers and destructors
+// that follow never run beside launcher code that is half-way through
+// something. A main thread that does not come round within a while
+// (stuck in a call) is not waited for, nor one that cannot say goodbye to
+// the session manager within it.
+void Application::stopMainLoopAtWinesExit() noexcept
+{
+    if (isMainThread())
+        return;
+    // First of all, the sockets' directory: while this waits, Wine may
+    // still be told by its server to end at once (_exit), and nothing
+    // after this would run.
+    PrivateDirectory::removeAllOfThisProcess();
+    struct Stop {
+        std::mutex mutex;
+        std::condition_variable changed;
+        bool stopped = false;
+    };
+    static Stop* stop = new Stop; // never destroyed: the process is ending
+    try {
+        runOnMain([] {
+            // Wine ends the process once this turn stops: the session
+            // manager hears of the end first.
+            if (Application* application = Application::shared())
+                application->leaveTheSession();
+            {
+                std::lock_guard lock(stop->mutex);
+                stop->stopped = true;
+            }
+            stop->changed.notify_all();
+            for (;;)
+                ::pause();
+        });
+        std::unique_lock lock(stop->mutex);
+        stop->changed.wait_for(lock, std::chrono::seconds(2), [] { return stop->stopped; });
+    } catch (...) {
+    }
 }
 
 void Application::wineWillRunInside()

@@ -163,9 +163,10 @@ public:
     // being a quit request: from now on it is the Windows program's Ctrl+C,
     // as when Wine runs in a terminal. SIGTERM and SIGHUP stay quit
     // requests. When Wine ends the process from one of its threads (the
-    // program has ended), the main loop is stopped at the end of its turn
-    // before anything is torn down, so no code of the launcher is half-way
-    // through anything when the process goes.
+    // program has ended), the session manager hears of the launcher's end
+    // and the main loop is stopped at the end of its turn before anything
+    // is torn down, so no code of the launcher is half-way through anything
+    // when the process goes.
     void wineWillRunInside();
 
 protected:
@@ -180,6 +181,11 @@ protected:
 
 private:
     static bool isQuitEvent(const Event& event);
+    // Registered with atexit once Wine runs inside; see wineWillRunInside.
+    static void stopMainLoopAtWinesExit() noexcept;
+    // The session manager forgets the launcher (an end it waits to hear
+    // about is answered first), and all of it is on the bus.
+    void leaveTheSession();
     void completeLaunching();
 
     void postNotification(const char* name);

@@ -117,6 +117,8 @@ void SessionManagerClient::onSignal(GDBusConnection*, const char*, const char* p
         : name == "CancelEndSession"                                 ? &self->m_phases.cancel
         : name == "Stop"                                             ? &self->m_phases.stop
                                                                      : nullptr;
+    if (phase == &self->m_phases.end)
+        self->m_endUnanswered = true;
     if (phase)
         SessionPhases::take(*phase, signal);
 }
@@ -131,7 +133,11 @@ void SessionManagerClient::answerQueryEnd(bool mayEnd, const std::string& reason
 }
 
 // An X session manager waits for the launcher's connection to close.
-void SessionManagerClient::answerEnd() { respond(true, {}); }
+void SessionManagerClient::answerEnd()
+{
+    m_endUnanswered = false;
+    respond(true, {});
+}
 
 void SessionManagerClient::respond(bool isOk, const std::string& reason)
 {
@@ -151,6 +157,8 @@ void SessionManagerClient::unregister()
         m_xsmp->unregister();
     if (m_clientPath.empty())
         return;
+    if (m_endUnanswered)
+        answerEnd();
     // Nobody is left to read the reply.
     g_dbus_connection_call(m_bus.get(), m_owner.c_str(), kPath, kInterface, "UnregisterClient",
                            g_variant_new("(o)", m_clientPath.c_str()), nullptr, G_DBUS_CALL_FLAGS_NO_AUTO_START, -1,

@@ -68,8 +68,11 @@ public:
 
     void answerQueryEnd(bool mayEnd, const std::string& reason);
     void answerEnd();
-    // The launcher ends: the manager forgets it. The message is queued on
-    // the bus; the application flushes the bus before it goes.
+    // The launcher ends: the manager forgets it. An end it still waits to
+    // hear about is answered first: the program has ended, or the launcher
+    // goes without it (Wine inside ends the process with the program). The
+    // messages are queued on the bus; the application flushes the bus
+    // before it goes.
     void unregister();
 
 private:
@@ -93,6 +96,8 @@ private:
     DBusSignalSubscription m_signals;
     std::unique_ptr<XsmpClient> m_xsmp;
     bool m_problemSaid = false;
+    // EndSession came and has not been answered.
+    bool m_endUnanswered = false;
 };
 
 } // namespace vt

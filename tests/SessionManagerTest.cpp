@@ -188,6 +188,36 @@ TEST_F(SessionManager, WithBothKindsOfManagerTheLauncherIsTheBusManagersClientOn
     EXPECT_EQ(launcher.waitForExit(), 0);
 }
 
+TEST(SessionManagerWithWineInside, AnEndThatTheProgramTakesTheProcessWithIsStillAnswered)
+{
+    // Wine runs inside the launcher, with no controller of its own (as
+    // Debian's): the program's end, Wine's exit(), is the launcher's, and
+    // may come before the window-command tool has answered "shutdown".
+    StandinWorld w;
+    TempDir dir;
+    w.serverDictionary["VT_STANDIN_WINE"] = "no-controller,exit-when=" + (dir / "ended").string();
+    w.setAnswer("haswindows", "0");
+    w.setAnswer("shutdown", "silent");
+    GnomeSessionManager manager(w.bus.address());
+    w.startHelperServer();
+    TestProcess& launcher = w.startLauncher();
+    ASSERT_TRUE(waitUntil([&] { return !w.records.wineInits().empty(); }, 20s)) << w.launcherLog();
+    ASSERT_TRUE(manager.waitForClient()) << w.launcherLog();
+
+    manager.send("QueryEndSession");
+    EXPECT_EQ(manager.waitForResponse(), (Response { true, "" })) << w.launcherLog();
+    manager.send("EndSession");
+    ASSERT_TRUE(waitUntil([&] {
+        Strings texts = w.records.commandTexts();
+        return !texts.empty() && texts.back() == "shutdown";
+    })) << w.launcherLog();
+    EXPECT_EQ(manager.unreadResponses(), 0u) << "the end is answered once the program has taken it";
+    writeFile(dir / "ended", "");
+    EXPECT_EQ(launcher.waitForExit(), 0) << w.launcherLog();
+    EXPECT_EQ(manager.waitForResponse(5s), (Response { true, "" })) << w.launcherLog();
+    EXPECT_TRUE(manager.waitForUnregistration(5s));
+}
+
 TEST_F(XSessionManager, ALogoutTheProgramRefusesIsCancelledAndTheCancelReachesTheProgram)
 {
     w.setAnswer("queryendsession", "0");

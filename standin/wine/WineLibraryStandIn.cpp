@@ -20,6 +20,10 @@
 //   exit=<status>     after its record wine_init ends the process with
 //                     exit(status), as Wine does once the Windows program
 //                     has ended
+//   exit-when=<path>  the same with status 0 once <path> exists: the
+//                     program ends when the test says so (it took
+//                     WM_ENDSESSION, say), with the launcher in the middle
+//                     of whatever it was doing
 // Otherwise it registers a controller that records every notification,
 // handle_event and did_send_event, consuming nothing, and wine_init keeps its
 // thread forever, as the Windows program would.
@@ -64,7 +68,9 @@ struct Behaviour {
     std::optional<int> exitStatus;
 };
 
-Behaviour behaviourFromEnvironment()
+// `exitWhen` (kept apart: the controller's copy of the behaviour must stay
+// trivially destructible) gets the file of exit-when=.
+Behaviour behaviourFromEnvironment(std::string& exitWhen)
 {
     Behaviour behaviour;
     const char* setting = std::getenv("VT_STANDIN_WINE");
@@ -90,6 +96,8 @@ Behaviour behaviourFromEnvironment()
             behaviour.consumedType = std::atoi(std::string(word.substr(8)).c_str());
         else if (word.starts_with("exit="))
             behaviour.exitStatus = std::atoi(std::string(word.substr(5)).c_str());
+        else if (word.starts_with("exit-when="))
+            exitWhen = word.substr(10);
         else if (!word.empty())
             std::fprintf(stderr, "stand-in Wine: unknown word \"%.*s\" in VT_STANDIN_WINE\n",
                          static_cast<int>(word.size()), word.data());
@@ -309,7 +317,8 @@ void writeError(char* error, int errorSize, const char* text)
 WINE_EXPORT void wine_init(int argc, char* argv[], char* error, int error_size) noexcept
 {
     try {
-        Behaviour behaviour = behaviourFromEnvironment();
+        std::string exitWhen;
+        Behaviour behaviour = behaviourFromEnvironment(exitWhen);
         Record record = initRecord(argc, argv);
         if (behaviour.fail) {
             vt::standin::send(record.add("controller", "none"));
@@ -319,6 +328,11 @@ WINE_EXPORT void wine_init(int argc, char* argv[], char* error, int error_size) 
         vt::standin::send(record.add("controller", registerController(behaviour)));
         if (behaviour.exitStatus)
             std::exit(*behaviour.exitStatus);
+        if (!exitWhen.empty()) {
+            while (!std::filesystem::exists(exitWhen))
+                std::this_thread::sleep_for(std::chrono::milliseconds(10));
+            std::exit(0);
+        }
     } catch (const std::exception& e) {
         writeError(error, error_size, e.what());
         return;
