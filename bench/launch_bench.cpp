@@ -101,7 +101,7 @@ bool waitForEnd(pid_t pid, std::chrono::milliseconds timeout)
     int ready = process ? 0 : 1; // a process that cannot be opened is gone
     while (ready <= 0 && std::chrono::steady_clock::now() < deadline) {
         auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-        ready = poll(&ended, 1, static_cast<int>(std::max(left.count(), 1L)));
+        ready = poll(&ended, 1, static_cast<int>(std::max(left, std::chrono::milliseconds(1)).count()));
     }
     return ready > 0;
 }
